@@ -1,0 +1,41 @@
+// Where finished trace lines go.
+//
+// The library hands every line it writes to one process-wide handler. The
+// default handler writes the line and "\n" to stderr. Applications route lines
+// into their own log by installing a handler; tests capture them the same way.
+//
+//   void toMyLog(void* log, const char* topic, int severity, const char* line) {
+//     static_cast<MyLog*>(log)->write(topic, severity, line);
+//   }
+//   VelLogin::setTraceHandler(toMyLog, &myLog);
+//
+// The handler is called on the thread that made the storage call, without a
+// lock; it must not call back into the store that is tracing.
+#ifndef LOGINSTORAGE_PLATFORM_TRACEHANDLER_H
+#define LOGINSTORAGE_PLATFORM_TRACEHANDLER_H
+
+#include <string>
+#include <vector>
+
+#include "../storage/Export.h"
+
+namespace VelLogin {
+
+// topic is "STORAGE" for messages and "COVERAGE" for method entries; severity
+// is the message's severity index, 0 for method entries; line is the finished
+// line without a trailing newline. All three are valid for the call only.
+typedef void (*TraceHandler)(void* context, const char* topic, int severity,
+                             const char* line);
+
+// Installs handler (called with context) and returns the previous handler.
+// A null handler restores the default one, which writes to stderr.
+LOGINSTORAGE_EXPORT TraceHandler setTraceHandler(TraceHandler handler,
+                                                 void* context);
+
+// The trace topics registered so far, in registration order (a topic that
+// several parts of the library register is listed once per registration).
+LOGINSTORAGE_EXPORT std::vector<std::string> registeredTraceTopics();
+
+}  // namespace VelLogin
+
+#endif

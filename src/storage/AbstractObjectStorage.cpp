@@ -1,0 +1,7 @@
+#include "storage/AbstractObjectStorage.h"
+
+namespace VelLogin {
+
+AbstractObjectStorage::~AbstractObjectStorage() = default;
+
+}  // namespace VelLogin

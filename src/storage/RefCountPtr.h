@@ -1,0 +1,110 @@
+// RefCountPtr<T>: a counted pointer through which stores and callers share one
+// object. Copies share the object and one separately allocated counter; the
+// last copy to go deletes the object through its virtual destructor.
+//
+//   RefCountPtr<IStorable> session(new Session("alice", 42));
+//   cache->set(session, 3600);                  // the cache holds a share now
+//   RefCountPtr<IStorable> again = cache->get("alice", Session::fromBytes);
+//   // again.get() == session.get(): the same object, not a copy
+//
+// Every pointer, a null one too, owns a share of a counter: making a new
+// pointer allocates a counter set to 1; copying allocates nothing.
+//
+// The counter is a plain integer: copies of one pointer must not be made or
+// released on two threads at once.
+#ifndef LOGINSTORAGE_STORAGE_REFCOUNTPTR_H
+#define LOGINSTORAGE_STORAGE_REFCOUNTPTR_H
+
+namespace VelLogin {
+
+template <typename T>
+class RefCountPtr {
+ public:
+  // Takes ownership of object (which may be null).
+  explicit RefCountPtr(T* object = nullptr) : m_object(object), m_count(new unsigned(1)) {}
+
+  RefCountPtr(const RefCountPtr& other) : m_object(other.m_object), m_count(other.m_count) {
+    share();
+  }
+
+  // Shares an object of a derived class, e.g. RefCountPtr<IStorable> from
+  // RefCountPtr<Session>.
+  template <typename U>
+  RefCountPtr(const RefCountPtr<U>& other)  // NOLINT: implicit like T* from U*
+      : m_object(other.m_object), m_count(other.m_count) {
+    share();
+  }
+
+  RefCountPtr& operator=(const RefCountPtr& other) {
+    if (&other == this) return *this;
+    release();
+    m_object = other.m_object;
+    m_count = other.m_count;
+    share();
+    return *this;
+  }
+
+  ~RefCountPtr() { release(); }
+
+  // Gives up this pointer's share. The last share deletes the object and
+  // frees the counter, leaving this pointer null with no counter; a later
+  // release() (the destructor's included) then does nothing. While other
+  // shares remain, this pointer keeps pointing at the object and the counter,
+  // so only call it when this pointer is about to go.
+  void release() {
+    if (m_count == nullptr) return;
+    if (--*m_count == 0) destroy();
+  }
+
+  T* get() const { return m_object; }
+  T* operator->() const { return m_object; }
+  T& operator*() const { return *m_object; }
+  explicit operator bool() const { return m_object != nullptr; }
+  bool isNull() const { return m_object == nullptr; }
+
+  // The number of pointers sharing the counter; 0 after a final release().
+  unsigned getCount() const { return m_count != nullptr ? *m_count : 0; }
+
+ private:
+  template <typename U>
+  friend class RefCountPtr;
+
+  // Joins the counter copied from another pointer; a pointer copied from one
+  // whose counter is gone starts a counter of its own.
+  void share() {
+    if (m_count != nullptr) {
+      ++*m_count;
+    } else {
+      m_count = new unsigned(1);
+    }
+  }
+
+  // The last share's cleanup, kept out of line: copies and releases that do
+  // not end the object stay small, and compilers do not mistake the shared
+  // counter for freed memory in the code of every copy.
+  __attribute__((noinline)) void destroy() {
+    if (m_object != nullptr) {
+      delete m_object;
+      m_object = nullptr;
+    }
+    delete m_count;
+    m_count = nullptr;
+  }
+
+  T* m_object;
+  unsigned* m_count;
+};
+
+template <typename T, typename U>
+bool operator==(const RefCountPtr<T>& a, const RefCountPtr<U>& b) {
+  return a.get() == b.get();
+}
+
+template <typename T, typename U>
+bool operator!=(const RefCountPtr<T>& a, const RefCountPtr<U>& b) {
+  return a.get() != b.get();
+}
+
+}  // namespace VelLogin
+
+#endif

@@ -1,0 +1,155 @@
+// The method trace: every public method of a store writes an entry line when
+// it begins and trace messages at chosen points, each as a macro expanded in
+// place so that a method with tracing off pays only a one-time label
+// computation and two or three integer tests.
+//
+//   bool FileSystemStorage::del(const std::string& key) {
+//     LS_TRACE_ENTRY("del");
+//     ...
+//     LS_TRACE_MSG(1, "folder <%s>: %s in deleting record with key <%s>", ...);
+//     LS_TRACE_STREAM(3, "[MEMSTORAGE] del key '" << key << "'");
+//   }
+//
+// Line layouts (S = severity name, L = "<Class>::<method>" label):
+//   entry:   "[S] L: begin"            topic "COVERAGE", sink severity 0
+//   message: "[S] L: <text>"           topic "STORAGE", sink severity N
+// With VelLoginDebug::m_printColor the severity colour stands before "[" and
+// the topic colour before the label, each closed by "\033[0m".
+//
+// Private to the library: no installed header includes it.
+#ifndef LOGINSTORAGE_TRACE_TRACE_H
+#define LOGINSTORAGE_TRACE_TRACE_H
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <typeinfo>
+
+#include "platform/DebugSettings.h"
+#include "platform/TraceSink.h"
+
+namespace VelLogin {
+namespace trace {
+
+constexpr int kEntrySeverityName = 6;
+constexpr const char* kColourReset = "\033[0m";
+
+// Lookups that tolerate settings an application has shrunk or nulled.
+inline const char* severityName(int severity) {
+  const char* name = VelLoginDebug::sev2StrArr[severity];
+  return name != nullptr ? name : "";
+}
+
+inline const char* severityColour(int severity) {
+  const auto& colours = VelLoginDebug::m_svrColors;
+  return static_cast<size_t>(severity) < colours.size() ? colours[severity].c_str() : "";
+}
+
+inline const char* topicColour(const char* topic) {
+  auto found = VelLoginDebug::m_topicsColors.find(topic);
+  return found != VelLoginDebug::m_topicsColors.end() ? found->second.c_str() : "";
+}
+
+// Resets log_msg and writes the prefix shared by entry lines and stream
+// messages: "[S] L: ", coloured when asked.
+inline void startStreamLine(int severity, const char* topic, const char* label) {
+  log_msg.str(std::string());
+  if (!VelLoginDebug::m_printColor) {
+    log_msg << "[" << severityName(severity) << "] " << label << ": ";
+  } else {
+    log_msg << severityColour(severity) << "[" << severityName(severity) << "] "
+            << kColourReset << topicColour(topic) << label << kColourReset << ": ";
+  }
+  log_msg << std::boolalpha;
+}
+
+// Writes the prefix "[S] L: " of a formatted message into sm_log and returns
+// its length. The reset escape stands before the blank here, unlike in
+// stream lines; readers of existing logs depend on both layouts.
+inline size_t startFormattedLine(int severity, const char* label) {
+  if (!VelLoginDebug::m_printColor) {
+    std::snprintf(sm_log, kTraceBufferSize, "[%s] %s: ", severityName(severity), label);
+  } else {
+    std::snprintf(sm_log, kTraceBufferSize, "%s[%s]%s %s%s%s: ", severityColour(severity),
+                  severityName(severity), kColourReset, topicColour("STORAGE"), label,
+                  kColourReset);
+  }
+  return std::strlen(sm_log);
+}
+
+// Appends text to sm_log, cut so that the line never exceeds kTraceLineMax.
+inline void appendFormattedText(size_t used, const char* text) {
+  size_t room = kTraceLineMax - used;
+  size_t length = std::strlen(text);
+  if (length > room) length = room;
+  std::memcpy(sm_log + used, text, length);
+  sm_log[used + length] = '\0';
+}
+
+}  // namespace trace
+}  // namespace VelLogin
+
+// Registers the two coverage topics of a source file at load time. Use once,
+// at namespace scope, in each source file that traces.
+#define LS_TRACE_REGISTER_TOPICS()                                       \
+  namespace {                                                            \
+  const char* const ls_coverageTopicName = "COVERAGE";                   \
+  const char* const ls_extraCoverageTopicName = "EXTRA_COVERAGE";        \
+  DebugTopics ls_coverageTopic(ls_coverageTopicName);                    \
+  DebugTopics ls_extraCoverageTopic(ls_extraCoverageTopicName);          \
+  }
+
+// The method's label, computed once per process from the first object that
+// calls it, so an inherited method keeps its first caller's class name.
+#define LS_TRACE_LABEL(typeInfo, methodName)                                     \
+  static char ls_traceLabel[Demangler::kLabelSize];                              \
+  static bool ls_traceLabelReady;                                                \
+  static const char* ls_traceDemangled;                                          \
+  if (__builtin_expect(!ls_traceLabelReady, 0)) {                                \
+    ls_traceDemangled = Demangler::demangle((typeInfo).name(), methodName,       \
+                                            ls_traceLabel);                      \
+    ls_traceLabelReady = true;                                                   \
+  }                                                                              \
+  (void)ls_traceDemangled
+
+// Entry line for a method of the class that typeInfo names. Constructors use
+// it with their own class, since the dynamic type is not final yet.
+#define LS_TRACE_ENTRY_AS(typeInfo, methodName)                                  \
+  LS_TRACE_LABEL(typeInfo, methodName);                                          \
+  if (VelLoginDebug::m_coverage && activate_tellu_debug_output >= 7) {           \
+    ::VelLogin::trace::startStreamLine(::VelLogin::trace::kEntrySeverityName,    \
+                                       "COVERAGE", ls_traceLabel);               \
+    log_msg << "begin";                                                          \
+    if (g_MsgTypeMaxThr >= 4) {                                                  \
+      tderrorFunc("COVERAGE", 0, 0, "%s", log_msg.str().c_str());                \
+    }                                                                            \
+  }                                                                              \
+  static_assert(true, "")
+
+// Entry line of a method, labelled with the dynamic class of *this.
+#define LS_TRACE_ENTRY(methodName) LS_TRACE_ENTRY_AS(typeid(*this), methodName)
+
+// Formatted message at severity 1, 2 or 3 on topic "STORAGE".
+#define LS_TRACE_MSG(severity, ...)                                              \
+  do {                                                                           \
+    if (activate_tellu_debug_output > (severity)) {                              \
+      size_t ls_used = ::VelLogin::trace::startFormattedLine(severity, ls_traceLabel); \
+      ::VelLogin::trace::appendFormattedText(ls_used, tellu_printf(__VA_ARGS__)); \
+      if (g_MsgTypeMaxThr >= 4) tderrorFunc("STORAGE", severity, 0, "%s", sm_log); \
+    }                                                                            \
+  } while (0)
+
+// Message at severity 1, 2 or 3 on topic "STORAGE", composed from stream
+// pieces: LS_TRACE_STREAM(3, "[MEMSTORAGE] del key '" << key << "'").
+#define LS_TRACE_STREAM(severity, pieces)                                        \
+  do {                                                                           \
+    if (activate_tellu_debug_output > (severity)) {                              \
+      ::VelLogin::trace::startStreamLine(severity, "STORAGE", ls_traceLabel);    \
+      log_msg << pieces;                                                         \
+      if (g_MsgTypeMaxThr >= 4) {                                                \
+        tderrorFunc("STORAGE", severity, 0, "%s", log_msg.str().c_str());        \
+      }                                                                          \
+    }                                                                            \
+  } while (0)
+
+#endif

@@ -1,0 +1,24 @@
+#include <string>
+#include <vector>
+
+#include "platform/TraceHandler.h"
+#include "platform/TraceSink.h"
+
+namespace {
+
+// A function-local table, so registrations from other files' static
+// initialisers find it constructed whatever the initialisation order.
+std::vector<std::string>& topicTable() {
+  static std::vector<std::string> topics;
+  return topics;
+}
+
+}  // namespace
+
+DebugTopics::DebugTopics(const char* topicName) { topicTable().emplace_back(topicName); }
+
+namespace VelLogin {
+
+std::vector<std::string> registeredTraceTopics() { return topicTable(); }
+
+}  // namespace VelLogin

@@ -1,0 +1,135 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "LoginStorage/LoginStorage.h"
+
+using VelLogin::IStorable;
+using VelLogin::RefCountPtr;
+
+namespace {
+
+// A storable that counts its destructions.
+class Counted : public IStorable {
+ public:
+  explicit Counted(int* destroyed) : m_destroyed(destroyed) {}
+  ~Counted() override { ++*m_destroyed; }
+  std::string getKey() const override { return "counted"; }
+  bool serialize(char*&, unsigned&) override { return false; }
+  std::string toString() const override { return "Counted"; }
+
+ private:
+  int* m_destroyed;
+};
+
+class Derived : public Counted {
+ public:
+  using Counted::Counted;
+};
+
+TEST(RefCountPtrTest, NullPointerOwnsACounterOfOne) {
+  RefCountPtr<IStorable> empty;
+  EXPECT_TRUE(empty.isNull());
+  EXPECT_FALSE(empty);
+  EXPECT_EQ(empty.get(), nullptr);
+  EXPECT_EQ(empty.getCount(), 1u);
+  empty.release();
+  EXPECT_EQ(empty.getCount(), 0u);
+  empty.release();  // counter gone: nothing happens
+  EXPECT_EQ(empty.getCount(), 0u);
+}
+
+TEST(RefCountPtrTest, CopiesShareOneObjectAndTheLastDeletesIt) {
+  int destroyed = 0;
+  auto* object = new Counted(&destroyed);
+  {
+    RefCountPtr<IStorable> first(object);
+    EXPECT_EQ(first.getCount(), 1u);
+    {
+      RefCountPtr<IStorable> second(first);
+      EXPECT_EQ(second.get(), object);
+      EXPECT_EQ(first.getCount(), 2u);
+      EXPECT_TRUE(first == second);
+    }
+    EXPECT_EQ(destroyed, 0);
+    EXPECT_EQ(first.getCount(), 1u);
+    EXPECT_EQ(first->getKey(), "counted");
+    EXPECT_EQ((*first).toString(), "Counted");
+  }
+  EXPECT_EQ(destroyed, 1);
+}
+
+TEST(RefCountPtrTest, SelfAssignmentLeavesTheCountUnchanged) {
+  int destroyed = 0;
+  RefCountPtr<IStorable> pointer(new Counted(&destroyed));
+  RefCountPtr<IStorable>& alias = pointer;
+  pointer = alias;
+  EXPECT_EQ(pointer.getCount(), 1u);
+  EXPECT_EQ(destroyed, 0);
+  EXPECT_FALSE(pointer.isNull());
+}
+
+TEST(RefCountPtrTest, AssignmentReleasesTheOldObjectAndSharesTheNew) {
+  int destroyedOld = 0;
+  int destroyedNew = 0;
+  RefCountPtr<IStorable> target(new Counted(&destroyedOld));
+  RefCountPtr<IStorable> source(new Counted(&destroyedNew));
+  target = source;
+  EXPECT_EQ(destroyedOld, 1);
+  EXPECT_EQ(destroyedNew, 0);
+  EXPECT_EQ(source.getCount(), 2u);
+  EXPECT_EQ(target.get(), source.get());
+
+  // Sharing a counter already shared: both keep one share each.
+  RefCountPtr<IStorable> third(source);
+  target = third;
+  EXPECT_EQ(source.getCount(), 3u);
+}
+
+TEST(RefCountPtrTest, ExplicitReleaseOfTheLastShareDeletesOnceOnly) {
+  int destroyed = 0;
+  {
+    RefCountPtr<IStorable> pointer(new Counted(&destroyed));
+    pointer.release();
+    EXPECT_EQ(destroyed, 1);
+    EXPECT_TRUE(pointer.isNull());
+    EXPECT_EQ(pointer.getCount(), 0u);
+
+    // A copy of a released pointer is a null pointer with a counter of its own.
+    RefCountPtr<IStorable> copy(pointer);
+    EXPECT_TRUE(copy.isNull());
+    EXPECT_EQ(copy.getCount(), 1u);
+  }
+  EXPECT_EQ(destroyed, 1);
+}
+
+TEST(RefCountPtrTest, ReleaseOfOneOfTwoSharesKeepsTheObject) {
+  int destroyed = 0;
+  RefCountPtr<IStorable> first(new Counted(&destroyed));
+  // A second pointer that gives up its share explicitly. It keeps pointing at
+  // the object afterwards, so it must not be destroyed again: its storage is
+  // freed without running the destructor.
+  auto* second = new RefCountPtr<IStorable>(first);
+  second->release();
+  EXPECT_EQ(first.getCount(), 1u);
+  EXPECT_EQ(destroyed, 0);
+  EXPECT_EQ(second->get(), first.get());
+  ::operator delete(static_cast<void*>(second));
+
+  first.release();
+  EXPECT_EQ(destroyed, 1);
+}
+
+TEST(RefCountPtrTest, DerivedPointerConvertsAndSharesItsCounter) {
+  int destroyed = 0;
+  RefCountPtr<Derived> derived(new Derived(&destroyed));
+  {
+    RefCountPtr<IStorable> base = derived;
+    EXPECT_EQ(derived.getCount(), 2u);
+    EXPECT_EQ(base.get(), derived.get());
+  }
+  EXPECT_EQ(derived.getCount(), 1u);
+  EXPECT_EQ(destroyed, 0);
+}
+
+}  // namespace
