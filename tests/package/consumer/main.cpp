@@ -1,13 +1,12 @@
 // Uses an installed LoginStorage: its headers, its code and its version
 // record. Prints the library file it runs with; exits non-zero when the
 // library is not the release the package described (EXPECTED_VERSION).
+#include <LoginStorage/LoginStorage.h>
+#include <LoginStorage/version/VersionInfo.h>
 #include <dlfcn.h>
 
 #include <cstdio>
 #include <string>
-
-#include <LoginStorage/LoginStorage.h>
-#include <LoginStorage/version/VersionInfo.h>
 
 int main() {
   const VelLogin::VersionRecord& record = *__LoginStorage_version_info;
