@@ -16,6 +16,8 @@
 #ifndef LOGINSTORAGE_LOGINSTORAGE_H
 #define LOGINSTORAGE_LOGINSTORAGE_H
 
+#include "cache/CacheStorage.h"
+#include "mem/MemStorage.h"
 #include "platform/DebugSettings.h"
 #include "platform/TraceHandler.h"
 #include "storage/AbstractObjectStorage.h"
@@ -23,5 +25,6 @@
 #include "storage/Exception.h"
 #include "storage/IStorable.h"
 #include "storage/RefCountPtr.h"
+#include "version/VersionInfo.h"
 
 #endif
