@@ -29,8 +29,8 @@ std::string normalisedFolder(const std::string& folder) {
 
 namespace VelLogin {
 
-FileSystemStorage::FileSystemStorage(const std::string& folder, unsigned, bool,
-                                     bool deleteAfterSet, unsigned)
+FileSystemStorage::FileSystemStorage(const std::string& folder, unsigned, bool, bool deleteAfterSet,
+                                     unsigned)
     : m_folder(normalisedFolder(folder)), m_dirHandle(nullptr), m_deleteAfterSet(deleteAfterSet) {
   LS_TRACE_ENTRY_AS(typeid(FileSystemStorage), "FileSystemStorage");
   if (velIsDir(m_folder) != 0) return;
@@ -84,8 +84,7 @@ bool FileSystemStorage::getRaw(const std::string& key, char*& data, unsigned& le
   return true;
 }
 
-bool FileSystemStorage::setRaw(const std::string& key, const char* data, unsigned len,
-                               unsigned) {
+bool FileSystemStorage::setRaw(const std::string& key, const char* data, unsigned len, unsigned) {
   LS_TRACE_ENTRY("setRaw");
   if (len == 0 || data == nullptr) return false;
   try {

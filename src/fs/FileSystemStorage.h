@@ -59,8 +59,7 @@ class LOGINSTORAGE_EXPORT FileSystemStorage : public AbstractStorage {
   // Writes len bytes from data as the record's file, replacing any old one.
   // False, with no file touched, when len is 0 or data is null; false when
   // the file cannot be written. expiration is ignored: records never expire.
-  bool setRaw(const std::string& key, const char* data, unsigned len,
-              unsigned expiration) override;
+  bool setRaw(const std::string& key, const char* data, unsigned len, unsigned expiration) override;
 
   // Removes the record's file; true when it was removed. Never removes a
   // folder.
@@ -89,8 +88,7 @@ class LOGINSTORAGE_EXPORT FileSystemStorage : public AbstractStorage {
 
   // The next entry of the listing, read with getRaw() under its name (key is
   // set even when the read fails); at the end, true with endReached and len 0.
-  bool getNextInternal(std::string& key, char*& data, unsigned& len,
-                       bool& endReached) override;
+  bool getNextInternal(std::string& key, char*& data, unsigned& len, bool& endReached) override;
 
  private:
   std::string m_folder;  // always ends in "/"; a record's path is m_folder + key

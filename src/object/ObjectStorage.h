@@ -40,8 +40,7 @@ class LOGINSTORAGE_EXPORT ObjectStorage : public AbstractObjectStorage {
 
   // The wrapped store's operations, passed through unchanged.
   bool getRaw(const std::string& key, char*& data, unsigned& len) const override;
-  bool setRaw(const std::string& key, const char* data, unsigned len,
-              unsigned expiration) override;
+  bool setRaw(const std::string& key, const char* data, unsigned len, unsigned expiration) override;
   bool setExpiration(const std::string& key, unsigned expiration) override;
   bool del(const std::string& key) override;
   bool delAll() override;
@@ -51,8 +50,7 @@ class LOGINSTORAGE_EXPORT ObjectStorage : public AbstractObjectStorage {
   unsigned getMaxRecordLen() const override;
   unsigned getNumElements() const override;
   bool isInStorage(const std::string& key) const override;
-  bool getNextInternal(std::string& key, char*& data, unsigned& len,
-                       bool& endReached) override;
+  bool getNextInternal(std::string& key, char*& data, unsigned& len, bool& endReached) override;
 
   // Rebuilds the object stored under key with factory, or with the default
   // factory when factory is null. Null when there is no factory (the store is

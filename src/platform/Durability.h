@@ -7,9 +7,12 @@
 // with most key/value stores that do not sync.
 //
 // On: each write also flushes the record's data and its folder entry to the
-// device before it returns. This costs one device flush per write, typically
-// milliseconds on disks and SSDs, where a write without it takes tens of
-// microseconds; turn it on only where records must survive a power cut.
+// device before it returns: two flushes per write. What that costs is the
+// device's flush latency. Measured with 100-byte records: on ext4 over a
+// virtual disk about 1.5 ms a write with it against 1.3 ms without (ext4
+// already pushes out a file that replaces another); on tmpfs 24 us against
+// 21 us. On a disk whose cache is flushed for real, expect milliseconds per
+// write; turn it on only where records must survive a power cut.
 //
 // The switch is process-wide and may be flipped from any thread; a write
 // already under way uses the setting it started with.

@@ -14,26 +14,22 @@
 #include "support/TempFolder.h"
 #include "support/TraceCapture.h"
 
+using testsupport::listFolder;
+using testsupport::TraceCapture;
 using VelLogin::FileSystemStorage;
 using VelLogin::IStorable;
 using VelLogin::ObjectStorage;
 using VelLogin::RefCountPtr;
-using testsupport::TempFolder;
-using testsupport::TraceCapture;
-using testsupport::listFolder;
-using testsupport::readFileBytes;
 using Lines = std::vector<std::string>;
 
 // A badge: a user name and a token, stored as "user\ntoken".
 class Badge : public IStorable {
  public:
-  Badge(std::string user, std::string token, bool serializable = true)
-      : m_user(std::move(user)), m_token(std::move(token)), m_serializable(serializable) {}
-
+  Badge(std::string user, std::string token) : m_user(std::move(user)), m_token(std::move(token)) {}
   std::string getKey() const override { return m_user; }
   bool serialize(char*& data, unsigned& len) override {
     m_image = m_user + '\n' + m_token;
-    if (!m_serializable || m_image.size() > len) return false;
+    if (m_token == "secret" || m_image.size() > len) return false;
     data = &m_image[0];
     len = static_cast<unsigned>(m_image.size());
     return true;
@@ -43,23 +39,19 @@ class Badge : public IStorable {
   // Rejects images without a separator and those of user "bad".
   static RefCountPtr<IStorable> fromBytes(const char* data, unsigned len) {
     const std::string image(data, len);
-    const size_t separator = image.find('\n');
-    if (separator == std::string::npos || image.compare(0, separator, "bad") == 0) {
+    const size_t cut = image.find('\n');
+    if (cut == std::string::npos || image.compare(0, cut, "bad") == 0) {
       return RefCountPtr<IStorable>();
     }
-    return RefCountPtr<IStorable>(new Badge(image.substr(0, separator), image.substr(separator + 1)));
+    return RefCountPtr<IStorable>(new Badge(image.substr(0, cut), image.substr(cut + 1)));
   }
-  // A second factory, to tell which one was used.
-  static RefCountPtr<IStorable> revokedFromBytes(const char* data, unsigned len) {
+  static RefCountPtr<IStorable> revoked(const char* data, unsigned len) {
     const std::string image(data, len);
     return RefCountPtr<IStorable>(new Badge(image.substr(0, image.find('\n')), "revoked"));
   }
 
  private:
-  std::string m_user;
-  std::string m_token;
-  bool m_serializable;
-  std::string m_image;
+  std::string m_user, m_token, m_image;
 };
 
 // A folder store that keeps records of at most 8 bytes.
@@ -80,10 +72,9 @@ std::string describe(const RefCountPtr<IStorable>& object) {
   return object.isNull() ? "null" : object->toString();
 }
 
-// Every object getNext() delivers, described, until it returns null.
 std::multiset<std::string> drain(ObjectStorage& store) {
   std::multiset<std::string> seen;
-  for (RefCountPtr<IStorable> next = store.getNext(); !next.isNull(); next = store.getNext()) {
+  for (RefCountPtr<IStorable> next = store.getNext(); next; next = store.getNext()) {
     seen.insert(next->toString());
   }
   return seen;
@@ -91,152 +82,99 @@ std::multiset<std::string> drain(ObjectStorage& store) {
 
 class ObjectStorageTest : public ::testing::Test {
  protected:
-  TempFolder tmp;
+  testsupport::TempFolder tmp;
   ObjectStorage store{new FileSystemStorage(tmp.path(), 0, false, false, 0), Badge::fromBytes};
 };
 
 TEST_F(ObjectStorageTest, ObjectIsKeptAsItsImageAndRebuiltByTheChosenFactory) {
   const std::string token("t\0k\xff", 4);
   ASSERT_TRUE(store.set(badge("alice", token), 3600));
-  EXPECT_EQ(readFileBytes(tmp / "alice"), "alice\n" + token);
-  EXPECT_EQ(listFolder(tmp.path()), Lines{"alice"});
-
+  EXPECT_EQ(testsupport::readFileBytes(tmp / "alice"), "alice\n" + token);
   TraceCapture trace(4);
   EXPECT_EQ(describe(store.get("alice", nullptr)), "alice:" + token);
-  EXPECT_EQ(describe(store.get("alice", Badge::revokedFromBytes)), "alice:revoked");
-  store.setFactoryFunc(Badge::revokedFromBytes);
+  EXPECT_EQ(describe(store.get("alice", Badge::revoked)), "alice:revoked");
+  store.setFactoryFunc(Badge::revoked);
   EXPECT_EQ(describe(store.get("alice", nullptr)), "alice:revoked");
   EXPECT_EQ(trace.messages(),
-            Lines(3, "[INFO] ObjectStorage::get: 'getRaw' completed (success=1): key 'alice' "
-                     "len=10"));
+            Lines(3,
+                  "[INFO] ObjectStorage::get: 'getRaw' completed (success=1): key 'alice' "
+                  "len=10"));
 }
 
-TEST_F(ObjectStorageTest, SetRefusesNullAndUnserializableObjects) {
+TEST_F(ObjectStorageTest, RefusalsAndMissesAreNullOrFalseWithTheirLines) {
   TraceCapture trace(4);
   EXPECT_FALSE(store.set(RefCountPtr<IStorable>(), 0));
-  EXPECT_FALSE(store.set(RefCountPtr<IStorable>(new Badge("bob", "t", false)), 0));
+  EXPECT_FALSE(store.set(badge("bob", "secret"), 0));  // serialize() refuses, silently
   EXPECT_EQ(listFolder(tmp.path()), Lines{});
-  EXPECT_EQ(trace.messages(), Lines{"[ERROR] ObjectStorage::set: set to a null storable"});
-}
-
-TEST_F(ObjectStorageTest, GetOfAMissingOrUnreadableRecordIsNull) {
-  testsupport::writeFileBytes(tmp / "junk", "no separator");
-  TraceCapture trace(4);
   EXPECT_EQ(describe(store.get("nobody", nullptr)), "null");
-  EXPECT_EQ(describe(store.get("junk", nullptr)), "null");
   EXPECT_EQ(trace.messages(),
-            (Lines{"[ERROR] FileSystemStorage::getRaw: Folder <" + tmp.path() +
+            (Lines{"[ERROR] ObjectStorage::set: set to a null storable",
+                   "[ERROR] FileSystemStorage::getRaw: Folder <" + tmp.path() +
                        "/> VelLogin::readFile failed to read file: nobody",
                    "[INFO] ObjectStorage::get: 'getRaw' completed (success=0): key 'nobody' len=0",
-                   "[WARNING] ObjectStorage::get: failed to get entity by key 'nobody'",
-                   "[INFO] ObjectStorage::get: 'getRaw' completed (success=1): key 'junk' "
-                   "len=12"}));
+                   "[WARNING] ObjectStorage::get: failed to get entity by key 'nobody'"}));
 }
 
 TEST_F(ObjectStorageTest, WithoutAnyFactoryNothingIsAskedOfTheWrappedStore) {
   ASSERT_TRUE(store.set(badge("alice", "t"), 0));
   ObjectStorage bare(new FileSystemStorage(tmp.path(), 0, false, false, 0), nullptr);
+  ASSERT_TRUE(bare.startGetAll());
   TraceCapture trace(7, true);
   EXPECT_EQ(describe(bare.get("alice", nullptr)), "null");
-  EXPECT_EQ(trace.texts(),
-            (Lines{"[TRACE] ObjectStorage::get: begin",
-                   "[ERROR] ObjectStorage::get: method was called when no factoty set"}));
-
-  ASSERT_TRUE(bare.startGetAll());
-  trace.clear();
   EXPECT_EQ(describe(bare.getNext()), "null");
   EXPECT_EQ(trace.texts(),
-            (Lines{"[TRACE] ObjectStorage::getNext: begin",
+            (Lines{"[TRACE] ObjectStorage::get: begin",
+                   "[ERROR] ObjectStorage::get: method was called when no factoty set",
+                   "[TRACE] ObjectStorage::getNext: begin",
                    "[ERROR] ObjectStorage::getNext: method was called while m_factoryFunc is "
                    "null"}));
   bare.setFactoryFunc(Badge::fromBytes);
   EXPECT_EQ(describe(bare.getNext()), "alice:t") << "no record was consumed";
-  bare.endGetAll();
 }
 
-TEST_F(ObjectStorageTest, IterationSkipsRecordsTheFactoryRejects) {
+TEST(ObjectStorageSkipTest, IterationSkipsRecordsTooLongOrRejectedByTheFactory) {
+  testsupport::TempFolder tmp;
+  ObjectStorage store(new SmallRecordFolder(tmp.path()), Badge::fromBytes);
   for (const char* user : {"ann", "bad", "cid"}) ASSERT_TRUE(store.set(badge(user, "t"), 0));
+  EXPECT_FALSE(store.set(badge("b", "too long"), 0));
+  testsupport::writeFileBytes(tmp / "b", "b\ntoo long");  // 10 bytes, from elsewhere
   ASSERT_TRUE(store.startGetAll());
   TraceCapture trace(2);
   EXPECT_EQ(drain(store), (std::multiset<std::string>{"ann:t", "cid:t"}));
-  EXPECT_EQ(describe(store.getNext()), "null");
-  store.endGetAll();
   const Lines messages = trace.messages();
-  EXPECT_EQ(std::count(messages.begin(), messages.end(),
-                       "[ERROR] ObjectStorage::getNext: SKIPPING RECORD because factory function "
-                       "failed"),
-            1);
-}
-
-TEST(ObjectStorageLimitTest, IterationSkipsRecordsLongerThanTheWrappedStoreKeeps) {
-  TempFolder tmp;
-  ObjectStorage store(new SmallRecordFolder(tmp.path()), Badge::fromBytes);
-  ASSERT_TRUE(store.set(badge("a", "short"), 0));                 // 7 bytes
-  EXPECT_FALSE(store.set(badge("b", "much longer"), 0)) << "serialize refuses beyond 8";
-  testsupport::writeFileBytes(tmp / "b", "b\nmuch longer");       // 13 bytes, from elsewhere
-  EXPECT_EQ(store.getMaxRecordLen(), 8u);
-
-  ASSERT_TRUE(store.startGetAll());
-  TraceCapture trace(2);
-  EXPECT_EQ(drain(store), std::multiset<std::string>{"a:short"});
-  store.endGetAll();
-  const Lines messages = trace.messages();
-  EXPECT_EQ(std::count(messages.begin(), messages.end(),
-                       "[ERROR] ObjectStorage::getNext: SKIPPING RECORD because needed len=13 > "
-                       "maxLen=8"),
-            1);
-}
-
-TEST_F(ObjectStorageTest, RawOperationsAreTheWrappedStoresOwn) {
-  const char bytes[] = "x\ny";
-  ASSERT_TRUE(store.setRaw("x", bytes, 3, 0));
-  ASSERT_TRUE(store.set(badge("z", "1"), 0));
-  EXPECT_TRUE(store.isInStorage("x"));
-  EXPECT_EQ(store.getNumElements(), 0u);
-  EXPECT_FALSE(store.setExpiration("x", 5));
-  EXPECT_EQ(store.getMaxRecordLen(), VelLogin::AbstractStorage::kNoRecordLimit);
-  char* data = nullptr;
-  unsigned len = store.getMaxRecordLen();
-  ASSERT_TRUE(store.getRaw("z", data, len));
-  EXPECT_EQ(std::string(data, len), "z\n1");
-  delete[] data;
-
-  EXPECT_TRUE(store.del("x"));
-  EXPECT_EQ(listFolder(tmp.path()), Lines{"z"});
-  EXPECT_TRUE(store.delAll());
-  EXPECT_EQ(listFolder(tmp.path()), Lines{});
-}
-
-TEST(ObjectStorageOwnershipTest, DestroyingTheAdapterDestroysTheWrappedStore) {
-  TempFolder tmp;
-  auto store = std::make_unique<ObjectStorage>(
-      new FileSystemStorage(tmp.path(), 0, false, false, 0), Badge::fromBytes);
-  ASSERT_TRUE(store->startGetAll());
-  TraceCapture trace(4);
-  store.reset();
-  EXPECT_EQ(trace.messages(), Lines{"[INFO] FileSystemStorage::endGetAll: <" + tmp.path() +
-                                    "/>: ending GetAll session"});
-  { ObjectStorage empty(nullptr, nullptr); }
-}
-
-TEST(ObjectStorageEndToEndTest, ManyObjectsSurviveTheStackAndAreIteratedOnce) {
-  TempFolder tmp;
-  std::multiset<std::string> written;
-  {
-    ObjectStorage writer(new FileSystemStorage(tmp / "badges", 0, false, false, 0),
-                         Badge::fromBytes);
-    for (int i = 0; i < 2000; ++i) {
-      RefCountPtr<IStorable> object = badge("user" + std::to_string(i), std::to_string(i * 7));
-      ASSERT_TRUE(writer.set(object, 0));
-      written.insert(object->toString());
-    }
+  for (const char* skip : {"needed len=10 > maxLen=8", "factory function failed"}) {
+    EXPECT_EQ(
+        std::count(messages.begin(), messages.end(),
+                   std::string("[ERROR] ObjectStorage::getNext: SKIPPING RECORD because ") + skip),
+        1);
   }
-  ObjectStorage reader(new FileSystemStorage(tmp / "badges", 0, false, false, 0), nullptr);
-  EXPECT_EQ(describe(reader.get("user1999", Badge::fromBytes)), "user1999:13993");
-  reader.setFactoryFunc(Badge::fromBytes);
+}
+
+TEST(ObjectStorageStackTest, ThousandsOfObjectsOutliveTheStoreThatOwnsTheFolderStore) {
+  testsupport::TempFolder tmp;
+  std::multiset<std::string> written;
+  auto writer = std::make_unique<ObjectStorage>(
+      new FileSystemStorage(tmp / "badges", 0, false, false, 0), Badge::fromBytes);
+  for (int i = 0; i < 2000; ++i) {
+    written.insert(badge("user" + std::to_string(i), std::to_string(i * 7))->toString());
+    ASSERT_TRUE(writer->set(badge("user" + std::to_string(i), std::to_string(i * 7)), 0));
+  }
+  ASSERT_TRUE(writer->startGetAll());
+  {
+    TraceCapture trace(7, true);
+    writer.reset();  // deletes the folder store, which ends its iteration
+    EXPECT_EQ(trace.texts(), (Lines{"[TRACE] FileSystemStorage::FileSystemStorage: begin",
+                                    "[TRACE] FileSystemStorage::endGetAll: begin",
+                                    "[INFO] FileSystemStorage::endGetAll: <" + (tmp / "badges/") +
+                                        ">: ending GetAll session"}));
+  }
+  ObjectStorage reader(new FileSystemStorage(tmp / "badges", 0, false, false, 0), Badge::fromBytes);
   ASSERT_TRUE(reader.startGetAll());
   EXPECT_EQ(drain(reader), written);
   reader.endGetAll();
+  EXPECT_TRUE(reader.delAll());
+  EXPECT_EQ(listFolder(tmp / "badges"), Lines{});
+  { ObjectStorage empty(nullptr, nullptr); }
 }
 
 }  // namespace
