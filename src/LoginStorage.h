@@ -17,8 +17,11 @@
 #define LOGINSTORAGE_LOGINSTORAGE_H
 
 #include "cache/CacheStorage.h"
+#include "fs/FileSystemStorage.h"
 #include "mem/MemStorage.h"
+#include "object/ObjectStorage.h"
 #include "platform/DebugSettings.h"
+#include "platform/Durability.h"
 #include "platform/TraceHandler.h"
 #include "storage/AbstractObjectStorage.h"
 #include "storage/AbstractStorage.h"

@@ -9,7 +9,7 @@ namespace {
 
 // Every source file of the library that traces registers its two topics when
 // the library is loaded.
-constexpr size_t kTracingSourceFiles = 3;
+constexpr size_t kTracingSourceFiles = 5;
 
 TEST(TraceTopicsTest, EachTracingSourceFileRegistersItsTopicsAtLoadTime) {
   const std::vector<std::string> topics = VelLogin::registeredTraceTopics();

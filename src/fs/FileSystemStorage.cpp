@@ -1,0 +1,180 @@
+#include "fs/FileSystemStorage.h"
+
+#include <cstring>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "platform/FileSystem.h"
+#include "storage/Exception.h"
+#include "trace/Trace.h"
+
+LS_TRACE_REGISTER_TOPICS()
+
+namespace {
+
+// "." and ".." are the folder's links, not records; any other name is one,
+// "..." and hidden names included.
+bool isDotEntry(const char* name) {
+  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+std::string normalisedFolder(const std::string& folder) {
+  if (folder.empty()) return "./";
+  if (folder.back() == '/') return folder;
+  return folder + "/";
+}
+
+}  // namespace
+
+namespace VelLogin {
+
+FileSystemStorage::FileSystemStorage(const std::string& folder, unsigned, bool, bool deleteAfterSet,
+                                     unsigned)
+    : m_folder(normalisedFolder(folder)), m_dirHandle(nullptr), m_deleteAfterSet(deleteAfterSet) {
+  LS_TRACE_ENTRY_AS(typeid(FileSystemStorage), "FileSystemStorage");
+  if (velIsDir(m_folder) != 0) return;
+  LS_TRACE_MSG(3, "<%s>: folder doesn't exist. Creating...", m_folder.c_str());
+  const bool created = velDirCreate(m_folder) != 0;
+  LS_TRACE_MSG(3, "<%s>: %s in folder creation", m_folder.c_str(), created ? "SUCCESS" : "FAIL");
+}
+
+FileSystemStorage::~FileSystemStorage() {
+  LS_TRACE_ENTRY_AS(typeid(FileSystemStorage), "FileSystemStorage");
+  FileSystemStorage::endGetAll();
+}
+
+bool FileSystemStorage::isPlainKey(const std::string& key) {
+  return !key.empty() && key != "." && key != ".." &&
+         key.find_first_of(std::string("/\0", 2)) == std::string::npos;
+}
+
+bool FileSystemStorage::getRaw(const std::string& key, char*& data, unsigned& len) const {
+  LS_TRACE_ENTRY("getRaw");
+  const unsigned capacity = len;
+  len = 0;
+  if (capacity == 0) {
+    LS_TRACE_MSG(1, "ERROR: wrong usage! len==0");
+    return false;
+  }
+  std::string content;
+  try {
+    content = readFile(m_folder + key);
+  } catch (const Exception&) {
+    LS_TRACE_MSG(1, "Folder <%s> VelLogin::readFile failed to read file: %s", m_folder.c_str(),
+                 key.c_str());
+    return false;
+  }
+  const unsigned size = static_cast<unsigned>(content.size());
+  if (content.size() > capacity) {
+    len = size;
+    LS_TRACE_MSG(2, "WARNING: data was not written, because len <%d> is less then needed <%d>",
+                 capacity, size);
+    return false;
+  }
+  if (data == nullptr) {
+    data = new (std::nothrow) char[size];
+    if (data == nullptr) {
+      LS_TRACE_MSG(1, "new has failed to allocate %d chars", size);
+      return false;
+    }
+  }
+  std::memcpy(data, content.data(), size);
+  len = size;
+  return true;
+}
+
+bool FileSystemStorage::setRaw(const std::string& key, const char* data, unsigned len, unsigned) {
+  LS_TRACE_ENTRY("setRaw");
+  if (len == 0 || data == nullptr) return false;
+  try {
+    writeFile(m_folder + key, std::string(data, len));
+  } catch (const Exception&) {
+    LS_TRACE_MSG(1, "VelLogin::writeFile failed to write data with len %d to file: %s", len,
+                 key.c_str());
+    return false;
+  }
+  if (!m_deleteAfterSet) return true;
+  return del(key);
+}
+
+bool FileSystemStorage::del(const std::string& key) {
+  LS_TRACE_ENTRY("del");
+  const bool ok = velFileRemove(m_folder + key) == 1;
+  LS_TRACE_MSG(1, "folder <%s>: %s in deleting record with key <%s>", m_folder.c_str(),
+               ok ? "SUCCESS" : "FAILURE", key.c_str());
+  return ok;
+}
+
+bool FileSystemStorage::delAll() {
+  LS_TRACE_ENTRY("delAll");
+  FsDirHandle listing = FsDirOpen(m_folder);
+  if (listing == nullptr) {
+    LS_TRACE_MSG(1, "folder <%s>: FsDirOpen failed", m_folder.c_str());
+    return false;
+  }
+  // List first, delete after: removing entries from a folder while reading
+  // its listing may make the listing skip others.
+  std::vector<std::string> names;
+  while (const char* name = FsDirRead(listing)) {
+    if (!isDotEntry(name)) names.emplace_back(name);
+  }
+  FsDirClose(listing);
+
+  bool ok = true;
+  for (const std::string& name : names) {
+    ok = del(name) && ok;
+  }
+  LS_TRACE_MSG(1, "folder <%s>: %s in deleting all content", m_folder.c_str(),
+               ok ? "SUCCESS" : "FAILURE");
+  return ok;
+}
+
+bool FileSystemStorage::startGetAll() {
+  LS_TRACE_ENTRY("startGetAll");
+  LS_TRACE_MSG(3, "<%s>: starting GetAll session", m_folder.c_str());
+  if (m_dirHandle != nullptr) {
+    LS_TRACE_MSG(1, "ERROR: previous GetAll session was not ended with endGetAll()");
+    return false;
+  }
+  m_dirHandle = FsDirOpen(m_folder);
+  return m_dirHandle != nullptr;
+}
+
+bool FileSystemStorage::getNextInternal(std::string& key, char*& data, unsigned& len,
+                                        bool& endReached) {
+  LS_TRACE_ENTRY("getNextInternal");
+  const char* name = FsDirRead(m_dirHandle);
+  endReached = false;
+  if (name == nullptr) {
+    endReached = true;
+    len = 0;
+    return true;
+  }
+  // Reading on through getNextRaw keeps the skip rules of the iteration in
+  // one place; the nesting is at most two deep, "." and "..".
+  if (isDotEntry(name)) return getNextRaw(key, data, len);
+  key = name;
+  return getRaw(std::string(name), data, len);
+}
+
+void FileSystemStorage::endGetAll() {
+  LS_TRACE_ENTRY("endGetAll");
+  LS_TRACE_MSG(3, "<%s>: ending GetAll session", m_folder.c_str());
+  if (m_dirHandle != nullptr) {
+    FsDirClose(m_dirHandle);
+    m_dirHandle = nullptr;
+  }
+}
+
+unsigned FileSystemStorage::getNumElements() const {
+  LS_TRACE_ENTRY("getNumElements");
+  return 0;
+}
+
+bool FileSystemStorage::isInStorage(const std::string& key) const {
+  LS_TRACE_ENTRY("isInStorage");
+  return velFileExist(m_folder + key) != 0;
+}
+
+}  // namespace VelLogin
