@@ -69,6 +69,7 @@ void show(const char* what, const RefCountPtr<IStorable>& session) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);  // keep our lines in order with the trace on stderr
   std::string folder;
   bool temporary = argc < 2;
   if (temporary) {

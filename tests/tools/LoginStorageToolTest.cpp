@@ -14,14 +14,14 @@ using testsupport::TempFolder;
 
 namespace {
 
-struct Run {
+struct ToolRun {
   int status;
   std::string out;
   std::string err;
 };
 
 // Runs the tool with args, feeding input to its standard input.
-Run runTool(const std::vector<std::string>& args, const std::string& input = "") {
+ToolRun runTool(const std::vector<std::string>& args, const std::string& input = "") {
   TempFolder scratch;
   const std::string inPath = scratch / "in", outPath = scratch / "out", errPath = scratch / "err";
   testsupport::writeFileBytes(inPath, input);
@@ -48,11 +48,11 @@ TEST(LoginStorageToolTest, BinaryRecordRoundTripsThroughPutGetLsRm) {
   ASSERT_EQ(runTool({"put", folder.path(), "alice"}, record).status, 0);
   EXPECT_EQ(testsupport::readFileBytes(folder / "alice"), record);
 
-  Run got = runTool({"get", folder.path(), "alice"});
+  ToolRun got = runTool({"get", folder.path(), "alice"});
   EXPECT_EQ(got.status, 0);
   EXPECT_EQ(got.out, record);
 
-  Run listed = runTool({"ls", folder.path()});
+  ToolRun listed = runTool({"ls", folder.path()});
   EXPECT_EQ(listed.status, 0);
   EXPECT_EQ(listed.out, "        15  alice\n");
 
@@ -65,7 +65,7 @@ TEST(LoginStorageToolTest, PutFromAFileAndHexDump) {
   TempFolder folder;
   testsupport::writeFileBytes(folder / "source", "AB\x01");
   ASSERT_EQ(runTool({"put", folder.path() + "/store", "k", folder / "source"}).status, 0);
-  Run dump = runTool({"get", "--hex", folder.path() + "/store", "k"});
+  ToolRun dump = runTool({"get", "--hex", folder.path() + "/store", "k"});
   EXPECT_EQ(dump.status, 0);
   EXPECT_EQ(dump.out,
             "00000000  41 42 01                                         |AB.|\n");
@@ -73,13 +73,13 @@ TEST(LoginStorageToolTest, PutFromAFileAndHexDump) {
 
 TEST(LoginStorageToolTest, MissingRecordsAndFoldersExitWithOne) {
   TempFolder folder;
-  Run missing = runTool({"get", folder.path(), "nobody"});
+  ToolRun missing = runTool({"get", folder.path(), "nobody"});
   EXPECT_EQ(missing.status, 1);
   EXPECT_EQ(missing.out, "");
   EXPECT_EQ(missing.err, "loginstorage: no record 'nobody' in " + folder.path() + "\n");
 
   EXPECT_EQ(runTool({"rm", folder.path(), "nobody"}).status, 1);
-  Run noFolder = runTool({"ls", folder / "absent"});
+  ToolRun noFolder = runTool({"ls", folder / "absent"});
   EXPECT_EQ(noFolder.status, 1);
   EXPECT_FALSE(testsupport::pathExists(folder / "absent"));  // reading never creates it
 }
@@ -91,7 +91,7 @@ TEST(LoginStorageToolTest, UsageErrorsExitWithTwo) {
   EXPECT_EQ(runTool({"get", folder.path()}).status, 2);
   EXPECT_EQ(runTool({"--trace", "x", "ls", folder.path()}).status, 2);
 
-  Run clear = runTool({"clear", folder.path()});
+  ToolRun clear = runTool({"clear", folder.path()});
   EXPECT_EQ(clear.status, 2);
   EXPECT_EQ(clear.err, "loginstorage: clear removes every record: confirm with --yes\n");
   EXPECT_EQ(runTool({"ls", "--help"}).status, 0);
@@ -100,7 +100,7 @@ TEST(LoginStorageToolTest, UsageErrorsExitWithTwo) {
 TEST(LoginStorageToolTest, KeysThatLeaveTheFolderNeedRawKey) {
   TempFolder folder;
   for (const char* key : {"../outside", ".", "..", "a/b"}) {
-    Run refused = runTool({"put", folder.path(), key}, "x");
+    ToolRun refused = runTool({"put", folder.path(), key}, "x");
     EXPECT_EQ(refused.status, 2) << key;
     EXPECT_NE(refused.err.find("--raw-key"), std::string::npos) << key;
   }
@@ -120,7 +120,7 @@ TEST(LoginStorageToolTest, ClearRemovesEveryRecord) {
 
 TEST(LoginStorageToolTest, TraceLinesGoToStandardError) {
   TempFolder folder;
-  Run traced = runTool({"--trace", "2", "rm", folder.path(), "gone"});
+  ToolRun traced = runTool({"--trace", "2", "rm", folder.path(), "gone"});
   EXPECT_EQ(traced.status, 1);
   EXPECT_NE(traced.err.find("[ERROR] FileSystemStorage::del: folder <" + folder.path() +
                             "/>: FAILURE in deleting record with key <gone>"),
@@ -132,7 +132,7 @@ TEST(LoginStorageToolTest, VersionReadsTheBlockFromTheLibraryFile) {
   for (const std::vector<std::string>& args :
        {std::vector<std::string>{"version"},
         std::vector<std::string>{"version", LOGINSTORAGE_LIBRARY_FILE}}) {
-    Run version = runTool(args);
+    ToolRun version = runTool(args);
     EXPECT_EQ(version.status, 0);
     EXPECT_NE(version.out.find("Name:                  LoginStorage\n"), std::string::npos)
         << version.out;
