@@ -105,42 +105,55 @@ class RedisConnection {
     return true;
   }
 
-  // Sends one command, its arguments taken byte for byte, and returns the
-  // reply. Null, with error() set, when the server cannot be reached, the
-  // connection breaks or times out (it is dropped then) or the server
-  // answers with an error (the connection stays).
-  Reply run(const std::vector<std::string_view>& args) {
+  // Sends one command, its count arguments taken byte for byte (the first
+  // is the command's name), and returns the reply. Null, with error() set,
+  // when the server cannot be reached, the connection breaks or times out
+  // (it is dropped then) or the server answers with an error (the
+  // connection stays).
+  Reply run(const std::string_view* args, size_t count) {
     if (!connect()) return nullptr;
-    std::vector<const char*> argv;
-    std::vector<size_t> argvLen;
-    argv.reserve(args.size());
-    argvLen.reserve(args.size());
-    for (std::string_view arg : args) {
-      argv.push_back(arg.data());
-      argvLen.push_back(arg.size());
+    // Commands of a few arguments, every read and write among them, are
+    // sent without allocating.
+    constexpr size_t kInline = 8;
+    const char* inlineArgv[kInline];
+    size_t inlineLen[kInline];
+    std::vector<const char*> heapArgv;
+    std::vector<size_t> heapLen;
+    const char** argv = inlineArgv;
+    size_t* argvLen = inlineLen;
+    if (count > kInline) {
+      heapArgv.resize(count);
+      heapLen.resize(count);
+      argv = heapArgv.data();
+      argvLen = heapLen.data();
+    }
+    for (size_t i = 0; i < count; ++i) {
+      argv[i] = args[i].data();
+      argvLen[i] = args[i].size();
     }
     Reply reply;
     {
       SigpipeBlock noSigpipe;
-      reply.reset(static_cast<redisReply*>(redisCommandArgv(
-          m_context, static_cast<int>(argv.size()), argv.data(), argvLen.data())));
+      reply.reset(static_cast<redisReply*>(
+          redisCommandArgv(m_context, static_cast<int>(count), argv, argvLen)));
     }
-    const std::string name(args.begin()->data(), args.begin()->size());
     if (!reply) {
-      m_error = name + " failed: " + (m_context->errstr[0] != '\0' ? m_context->errstr : "no reply");
+      m_error = std::string(args[0]) + " failed: " +
+                (m_context->errstr[0] != '\0' ? m_context->errstr : "no reply");
       drop();
       return nullptr;
     }
     if (reply->type == REDIS_REPLY_ERROR) {
-      m_error = name + " failed: " + std::string(reply->str, reply->len);
+      m_error = std::string(args[0]) + " failed: " + std::string(reply->str, reply->len);
       return nullptr;
     }
     return reply;
   }
 
   Reply run(std::initializer_list<std::string_view> args) {
-    return run(std::vector<std::string_view>(args));
+    return run(args.begin(), args.size());
   }
+  Reply run(const std::vector<std::string_view>& args) { return run(args.data(), args.size()); }
 
   const char* error() const { return m_error.c_str(); }
   bool connected() const { return m_context != nullptr; }
