@@ -174,6 +174,8 @@ TEST_F(RedisStorageTest, RecoversWhenTheServerComesBack) {
   len = 100;
   EXPECT_FALSE(store->getNextRaw(key, data, len));  // the walk ends, not a skip per record
   EXPECT_EQ(len, 0u);
+  ASSERT_EQ(trace.messages().size(), 2u);
+  EXPECT_EQ(trace.messages()[1], "[INFO] RedisStorage::getNextRaw: end of storage was reached");
   store->endGetAll();
   EXPECT_FALSE(set("k1", "v"));
   EXPECT_FALSE(store->isInStorage("k1"));
