@@ -37,3 +37,25 @@ configure_file(cmake/loginstorage.pc.in
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/loginstorage.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
   COMPONENT development)
+
+# The Redis store, when built: its library and header, a second export set
+# that LoginStorageConfig.cmake loads when present (component "Redis"), and
+# its own pkg-config file.
+if(TARGET LoginStorageRedis)
+  install(TARGETS LoginStorageRedis
+    EXPORT LoginStorageRedisTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+      COMPONENT runtime NAMELINK_COMPONENT development
+    FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/LoginStorage
+      COMPONENT development
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  install(EXPORT LoginStorageRedisTargets
+    NAMESPACE LoginStorage::
+    DESTINATION ${LOGINSTORAGE_CMAKE_DIR}
+    COMPONENT development)
+  configure_file(cmake/loginstorage-redis.pc.in
+    ${CMAKE_CURRENT_BINARY_DIR}/loginstorage-redis.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/loginstorage-redis.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+    COMPONENT development)
+endif()

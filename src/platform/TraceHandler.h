@@ -32,6 +32,13 @@ typedef void (*TraceHandler)(void* context, const char* topic, int severity,
 LOGINSTORAGE_EXPORT TraceHandler setTraceHandler(TraceHandler handler,
                                                  void* context);
 
+// Hands a finished line to the current handler, exactly as the library hands
+// its own lines. For companion libraries built on this one (the Redis store)
+// so that their lines reach the same handler; the caller has already applied
+// the debug settings. Arguments as for TraceHandler.
+LOGINSTORAGE_EXPORT void writeTraceLine(const char* topic, int severity,
+                                        const char* line);
+
 // The trace topics registered so far, in registration order (a topic that
 // several parts of the library register is listed once per registration).
 LOGINSTORAGE_EXPORT std::vector<std::string> registeredTraceTopics();

@@ -65,4 +65,8 @@ TraceHandler setTraceHandler(TraceHandler handler, void* context) {
   return previous;
 }
 
+void writeTraceLine(const char* topic, int severity, const char* line) {
+  g_handler(g_handlerContext, topic, severity, line);
+}
+
 }  // namespace VelLogin

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -13,6 +14,9 @@
 
 #include "LoginStorage/LoginStorage.h"
 #include "VersionText.h"
+#ifdef LOGINSTORAGE_TOOL_HAS_REDIS
+#include "LoginStorage/redis/RedisStorage.h"
+#endif
 
 using VelLogin::AbstractStorage;
 using VelLogin::FileSystemStorage;
@@ -32,18 +36,64 @@ bool folderExists(const std::string& folder) {
   return ::stat(folder.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
-// Opens the folder store of an existing folder: the store would create a
-// missing folder, which a command that only reads or removes must not do.
-std::unique_ptr<AbstractStorage> openExisting(const std::string& folder, std::string& error) {
-  if (!folderExists(folder)) {
-    error = "no such folder: " + folder;
-    return nullptr;
-  }
-  return std::unique_ptr<AbstractStorage>(new FileSystemStorage(folder, 0, false, false, 0));
+constexpr char kRedisScheme[] = "redis://";
+constexpr unsigned kRedisTimeoutMs = 2000;
+
+bool isRedisLocation(const std::string& location) {
+  return location.compare(0, sizeof kRedisScheme - 1, kRedisScheme) == 0;
 }
 
+// Opens redis://HOST[:PORT]/PREFIX (port 6379 when left out; the prefix is
+// everything after the first "/" and may be empty).
+std::unique_ptr<AbstractStorage> openRedis(const std::string& location, std::string& error) {
+#ifdef LOGINSTORAGE_TOOL_HAS_REDIS
+  const std::string rest = location.substr(sizeof kRedisScheme - 1);
+  const size_t slash = rest.find('/');
+  const std::string hostPort = rest.substr(0, slash);
+  const std::string prefix = slash == std::string::npos ? "" : rest.substr(slash + 1);
+  const size_t colon = hostPort.rfind(':');
+  std::string host = hostPort.substr(0, colon);
+  unsigned long port = 6379;
+  if (colon != std::string::npos) {
+    const std::string digits = hostPort.substr(colon + 1);
+    char* end = nullptr;
+    port = std::strtoul(digits.c_str(), &end, 10);
+    if (digits.empty() || *end != '\0' || port == 0 || port > 65535) host.clear();
+  }
+  if (host.empty()) {
+    error = "bad location '" + location + "' (expected redis://HOST:PORT/PREFIX)";
+    return nullptr;
+  }
+  return std::unique_ptr<AbstractStorage>(new VelLogin::RedisStorage(
+      host, static_cast<unsigned>(port), prefix, kRedisTimeoutMs));
+#else
+  error = "cannot open " + location + ": this build has no Redis support";
+  return nullptr;
+#endif
+}
+
+// Opens the store at location: a Redis location, or a folder. Only a command
+// that writes may create a missing folder (the folder store would create
+// it), so reading and removing commands ask for an existing one.
+std::unique_ptr<AbstractStorage> openStore(const std::string& location, bool createFolder,
+                                           std::string& error) {
+  if (isRedisLocation(location)) return openRedis(location, error);
+  if (!createFolder && !folderExists(location)) {
+    error = "no such folder: " + location;
+    return nullptr;
+  }
+  return std::unique_ptr<AbstractStorage>(new FileSystemStorage(location, 0, false, false, 0));
+}
+
+std::unique_ptr<AbstractStorage> openExisting(const std::string& location, std::string& error) {
+  return openStore(location, false, error);
+}
+
+// Any key names a plain record on a Redis server; in a folder, only the keys
+// that name a file directly inside it do, unless --raw-key is given.
 bool keyAllowed(const CommandLine& line, const std::string& key, std::string& error) {
   if (line.rawKey || FileSystemStorage::isPlainKey(key)) return true;
+  if (isRedisLocation(line.operands[0]) && !key.empty()) return true;
   error = "key '" + key +
           "' does not name a file directly inside the folder (use --raw-key to allow it)";
   return false;
@@ -115,7 +165,7 @@ int listRecords(const CommandLine& line) {
     struct stat info {};
     char when[32] = "-";
     std::string path = folder + "/" + record.key;
-    if (::lstat(path.c_str(), &info) == 0) {
+    if (!isRedisLocation(folder) && ::lstat(path.c_str(), &info) == 0) {
       struct tm local {};
       time_t modified = info.st_mtime;
       std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S", localtime_r(&modified, &local));
@@ -167,8 +217,9 @@ int putRecord(const CommandLine& line) {
   if (bytes.empty()) return fail(kFailed, "an empty record cannot be stored");
   if (bytes.size() > 0xFFFFFFFEu) return fail(kFailed, "the record is too large");
 
-  FileSystemStorage store(line.operands[0], 0, false, false, 0);
-  if (!store.setRaw(key, bytes.data(), static_cast<unsigned>(bytes.size()), 0)) {
+  std::unique_ptr<AbstractStorage> store = openStore(line.operands[0], true, error);
+  if (!store) return fail(kFailed, error);
+  if (!store->setRaw(key, bytes.data(), static_cast<unsigned>(bytes.size()), 0)) {
     return fail(kFailed, "cannot store '" + key + "' in " + line.operands[0]);
   }
   return kSuccess;

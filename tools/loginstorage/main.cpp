@@ -1,5 +1,6 @@
 // loginstorage: looks after the storage folders of LoginStorage, one file per
-// record. Built on the library's public interface only.
+// record, and the records of the Redis store. Built on the libraries' public
+// interfaces only.
 #include <unistd.h>
 
 #include <cstdio>
@@ -53,6 +54,9 @@ const char kUsage[] =
     "  rm FOLDER KEY...         remove records\n"
     "  clear --yes FOLDER       remove every record\n"
     "  version [LIBRARY-FILE]   show a library's version information\n"
+    "\n"
+    "Wherever FOLDER stands, a location redis://HOST:PORT/PREFIX names the records\n"
+    "under PREFIX on a Redis server instead (in builds with the Redis store).\n"
     "\n"
     "Options:\n"
     "  --trace LEVEL   show the library's trace lines on stderr (2 errors ... 4 all\n"

@@ -1,0 +1,136 @@
+// RedisStorage: raw records kept as Redis strings on a Redis server, so that
+// stores on several machines share them. Built into its own library,
+// libLoginStorageRedis.so (CMake target LoginStorage::Redis, pkg-config
+// loginstorage-redis); the core library does not depend on it.
+//
+//   VelLogin::CacheStorage sessions(
+//       new VelLogin::ObjectStorage(
+//           new VelLogin::RedisStorage("10.0.0.5", 6379, "sessions:", 500),
+//           &Session::fromBytes),
+//       60, 1000);
+//
+// On the server: the record under key is the string value of the Redis key
+// prefix + key, holding exactly the record's bytes. Keys and records are
+// binary-safe (NUL bytes included). The prefix namespaces the store as a
+// folder does: iteration, delAll() and getNumElements() see only keys that
+// begin with it; stores with different prefixes share a server without
+// meeting. The empty prefix takes the whole database. Records are walked with
+// SCAN, never KEYS, so a large database is not blocked.
+//
+// A record's lifetime is the server's time to live: setRaw() and
+// setExpiration() with expiration > 0 give the record that many seconds,
+// 0 keeps it until it is removed. The server applies it, not this process's
+// clock.
+//
+// Failures: an unreachable, failing or too slow server makes operations fail
+// with false results (len 0 for reads) and trace messages on topic "STORAGE";
+// no operation waits longer than the timeout for a connection plus the
+// timeout for one reply. After a failed connection or a broken one, the next
+// operation connects again, so a restarted server is used as soon as it is
+// back. A broken connection never raises SIGPIPE in the process.
+//
+// Several objects and processes may share a prefix; nothing coordinates them
+// beyond the server's own atomicity of each command.
+//
+// One thread at a time per object.
+#ifndef LOGINSTORAGE_REDIS_REDISSTORAGE_H
+#define LOGINSTORAGE_REDIS_REDISSTORAGE_H
+
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "../storage/AbstractStorage.h"
+#include "../storage/Export.h"
+
+namespace VelLogin {
+
+class RedisConnection;
+
+class LOGINSTORAGE_EXPORT RedisStorage : public AbstractStorage {
+ public:
+  // The largest string value a Redis server accepts by default (512 MiB).
+  static constexpr unsigned kMaxRedisRecordLen = 512u * 1024u * 1024u;
+
+  // Keeps records on the server at host:port under keys prefix + key.
+  // timeoutMs bounds the wait for a connection and for each reply (0 means
+  // 1000). Connects at once; a server that cannot be reached is reported in
+  // the trace only: the object exists all the same and connects again on its
+  // next operation.
+  RedisStorage(const std::string& host, unsigned port, const std::string& prefix,
+               unsigned timeoutMs);
+  RedisStorage(const RedisStorage&) = delete;
+  RedisStorage& operator=(const RedisStorage&) = delete;
+
+  // Reads the record under the record buffer convention (AbstractStorage.h).
+  // False with len 0 when the record is missing, is not a string or the
+  // server fails; false with len set to the record's length when that
+  // exceeds the capacity.
+  bool getRaw(const std::string& key, char*& data, unsigned& len) const override;
+
+  // Stores len bytes from data, replacing any old record and its lifetime.
+  // expiration > 0: the record expires after that many seconds; 0: never.
+  // False, with nothing sent, when len is 0, data is null or len exceeds
+  // getMaxRecordLen(); false when the server fails.
+  bool setRaw(const std::string& key, const char* data, unsigned len, unsigned expiration) override;
+
+  // Gives an existing record a new lifetime: expiration seconds from now, or
+  // none for 0. False when the record does not exist or the server fails.
+  bool setExpiration(const std::string& key, unsigned expiration) override;
+
+  // Removes the record; true when it existed and was removed.
+  bool del(const std::string& key) override;
+
+  // Removes every record under the prefix; true when the walk over them
+  // completed and every removal succeeded (also when there were none).
+  bool delAll() override;
+
+  // Opens the iteration over the records under the prefix. It delivers each
+  // record once; records added or removed meanwhile may or may not be seen.
+  // False when an iteration is already open (it goes on undisturbed) or the
+  // server cannot be reached.
+  bool startGetAll() override;
+
+  // Closes the iteration, if one is open.
+  void endGetAll() override;
+
+  // kMaxRedisRecordLen.
+  unsigned getMaxRecordLen() const override;
+
+  // Ends an open iteration and closes the connection; records stay on the
+  // server.
+  ~RedisStorage() override;
+
+  // The number of records under the prefix, counted on the server: a full
+  // walk unless the prefix is empty, exact when no record is added or
+  // removed meanwhile. 0 when the server fails.
+  unsigned getNumElements() const override;
+
+  // True when the record exists on the server.
+  bool isInStorage(const std::string& key) const override;
+
+  // The next record of the walk, read with getRaw() (key is set even when
+  // the read fails, for example because the record was removed meanwhile);
+  // at the end, or when the server fails mid-walk, true with endReached and
+  // len 0.
+  bool getNextInternal(std::string& key, char*& data, unsigned& len, bool& endReached) override;
+
+ private:
+  // Replaces m_pending with the next batch of the walk; false when the
+  // server fails.
+  bool scanNextBatch();
+
+  std::string m_prefix;
+  std::string m_location;  // "host:port/prefix", for trace messages
+  RedisConnection* m_connection;  // owned; private to the library
+  bool m_iterating;
+  bool m_walkDone;
+  std::string m_cursor;                // of the open walk; "0" starts and ends
+  std::vector<std::string> m_pending;  // the last batch of full Redis keys
+  size_t m_nextPending;                // the next of them to deliver
+  std::unordered_set<std::string> m_delivered;  // SCAN may repeat a key
+};
+
+}  // namespace VelLogin
+
+#endif

@@ -1,0 +1,116 @@
+#include "RedisServer.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <hiredis/hiredis.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+namespace testsupport {
+
+unsigned freeLoopbackPort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size);
+  ::close(fd);
+  return ntohs(address.sin_port);
+}
+
+RedisServer::RedisServer() : m_port(freeLoopbackPort()) { restart(); }
+
+void RedisServer::stop() {
+  if (m_pid <= 0) return;
+  ::kill(m_pid, SIGTERM);
+  ::waitpid(m_pid, nullptr, 0);
+  m_pid = 0;
+}
+
+bool RedisServer::restart() {
+  stop();
+  const std::string port = std::to_string(m_port), log = m_folder / "server.log";
+  m_pid = ::fork();
+  if (m_pid == 0) {
+    std::freopen(log.c_str(), "ab", stdout);
+    std::freopen(log.c_str(), "ab", stderr);
+    ::execlp("redis-server", "redis-server", "--port", port.c_str(), "--bind", "127.0.0.1",
+             "--save", "", "--appendonly", "no", "--dir", m_folder.path().c_str(),
+             static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  // Up to ten seconds for the server to answer; it usually takes a few ms.
+  for (int attempt = 0; m_pid > 0 && attempt < 1000; ++attempt) {
+    if (::waitpid(m_pid, nullptr, WNOHANG) == m_pid) m_pid = 0;
+    if (m_pid > 0 && command({"PING"}) == "+PONG") return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  stop();
+  return false;
+}
+
+std::string RedisServer::command(const std::vector<std::string>& args) const {
+  redisContext* context = redisConnect("127.0.0.1", static_cast<int>(m_port));
+  if (context == nullptr || context->err != 0) {
+    redisFree(context);
+    return "(no connection)";
+  }
+  std::vector<const char*> argv;
+  std::vector<size_t> lengths;
+  for (const std::string& arg : args) {
+    argv.push_back(arg.data());
+    lengths.push_back(arg.size());
+  }
+  auto* reply = static_cast<redisReply*>(
+      redisCommandArgv(context, static_cast<int>(argv.size()), argv.data(), lengths.data()));
+  std::string text = "(no reply)";
+  if (reply != nullptr) {
+    const std::string body = reply->str != nullptr ? std::string(reply->str, reply->len) : "";
+    text = reply->type == REDIS_REPLY_INTEGER ? ":" + std::to_string(reply->integer)
+           : reply->type == REDIS_REPLY_NIL   ? "(nil)"
+           : reply->type == REDIS_REPLY_STATUS ? "+" + body
+           : reply->type == REDIS_REPLY_ERROR  ? "-" + body
+                                               : body;
+    freeReplyObject(reply);
+  }
+  redisFree(context);
+  return text;
+}
+
+std::string readRecord(const VelLogin::AbstractStorage& store, const std::string& key,
+                       unsigned capacity) {
+  char* data = nullptr;
+  unsigned len = capacity;
+  const bool ok = store.getRaw(key, data, len);
+  std::string result = ok ? std::string(data, len)
+                          : (len == 0 ? "missing" : "too long: " + std::to_string(len));
+  delete[] data;
+  return result;
+}
+
+std::map<std::string, std::string> iterate(VelLogin::AbstractStorage& store) {
+  std::map<std::string, std::string> records;
+  std::string key;
+  char* data = nullptr;
+  unsigned len = store.getMaxRecordLen();
+  EXPECT_TRUE(store.startGetAll());
+  while (store.getNextRaw(key, data, len)) {
+    EXPECT_TRUE(records.emplace(key, std::string(data, len)).second) << "twice: " << key;
+    delete[] data;
+    data = nullptr;
+    len = store.getMaxRecordLen();
+  }
+  store.endGetAll();
+  return records;
+}
+
+}  // namespace testsupport
