@@ -451,15 +451,24 @@ Step randomStep(Random& random, bool iterates) {
 std::string show(const Step& s, const std::vector<std::string>& keys) {
   const std::string key = "'" + keys[s.key % keys.size()] + "'";
   switch (s.kind) {
-    case Kind::Set: return "set " + key + " payload " + std::to_string(s.value);
-    case Kind::SetNull: return "set null";
-    case Kind::Get: return "get " + key;
-    case Kind::Del: return "del " + key;
-    case Kind::DelAll: return "delAll";
-    case Kind::Cleanup: return "cleanup";
-    case Kind::BackingCleanup: return "backing cleanup";
-    case Kind::Iterate: return "iterate";
-    case Kind::Tick: return "clock +" + std::to_string(s.value);
+    case Kind::Set:
+      return "set " + key + " payload " + std::to_string(s.value);
+    case Kind::SetNull:
+      return "set null";
+    case Kind::Get:
+      return "get " + key;
+    case Kind::Del:
+      return "del " + key;
+    case Kind::DelAll:
+      return "delAll";
+    case Kind::Cleanup:
+      return "cleanup";
+    case Kind::BackingCleanup:
+      return "backing cleanup";
+    case Kind::Iterate:
+      return "iterate";
+    case Kind::Tick:
+      return "clock +" + std::to_string(s.value);
   }
   return "?";
 }
@@ -549,9 +558,8 @@ TEST_F(ModelTest, MemStorageFollowsItsModel) {
 }
 
 TEST_F(ModelTest, CacheOverMemStorageFollowsItsModel) {
-  explore("CacheStorage over MemStorage", reliability::seed(20240612),
-          reliability::scaled(1500000), false,
-          [](const Config& c) { return std::unique_ptr<Target>(new CachedMemTarget(c)); });
+  explore("CacheStorage over MemStorage", reliability::seed(20240612), reliability::scaled(1500000),
+          false, [](const Config& c) { return std::unique_ptr<Target>(new CachedMemTarget(c)); });
 }
 
 TEST_F(ModelTest, CacheOverFolderFollowsItsModel) {
