@@ -70,15 +70,14 @@ const char* digits(const char* text, unsigned long* value) {
   return p == text ? nullptr : p;
 }
 
-// The writer's process id when name is exactly a temporary name, else 0.
-unsigned long temporaryWriter(const char* name) {
-  if (std::strncmp(name, kTemporaryPrefix, sizeof kTemporaryPrefix - 1) != 0) return 0;
-  unsigned long pid = 0;
+// True when name is exactly a temporary name; pid is then its writer's.
+bool parseTemporaryName(const char* name, unsigned long* pid) {
+  if (std::strncmp(name, kTemporaryPrefix, sizeof kTemporaryPrefix - 1) != 0) return false;
   unsigned long counter = 0;
-  const char* p = digits(name + sizeof kTemporaryPrefix - 1, &pid);
-  if (p == nullptr || *p != '-') return 0;
+  const char* p = digits(name + sizeof kTemporaryPrefix - 1, pid);
+  if (p == nullptr || *p != '-') return false;
   p = digits(p + 1, &counter);
-  return p != nullptr && *p == '\0' ? pid : 0;
+  return p != nullptr && *p == '\0';
 }
 
 bool writeAll(int fd, const std::string& content) {
@@ -157,12 +156,17 @@ void setDurableWrites(bool on) { g_durableWrites.store(on, std::memory_order_rel
 
 bool durableWrites() { return g_durableWrites.load(std::memory_order_relaxed); }
 
-bool isTemporaryFileName(const char* name) { return temporaryWriter(name) != 0; }
+bool isTemporaryFileName(const char* name) {
+  unsigned long pid = 0;
+  return parseTemporaryName(name, &pid);
+}
 
 bool isAbandonedTemporaryFileName(const char* name) {
-  const unsigned long pid = temporaryWriter(name);
-  return pid != 0 && pid <= 0x7FFFFFFFul && ::kill(static_cast<pid_t>(pid), 0) != 0 &&
-         errno == ESRCH;
+  unsigned long pid = 0;
+  if (!parseTemporaryName(name, &pid)) return false;
+  // No process has id 0 or one beyond pid_t: no writer will come back.
+  if (pid == 0 || pid > 0x7FFFFFFFul) return true;
+  return ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH;
 }
 
 namespace filesystem_testing {

@@ -227,6 +227,7 @@ TEST_F(FileSystemStorageTest, TemporaryFilesAreNoRecordsAndKilledWritersFilesGoW
   const std::string inFlight = ".lstmp-" + std::to_string(::getpid()) + "-4000000";
   testsupport::writeFileBytes(tmp / left, "debris");
   testsupport::writeFileBytes(tmp / inFlight, "new bytes");
+  testsupport::writeFileBytes(tmp / ".lstmp-0-1", "no writer has id 0");
   for (const char* key : {"a", ".lstmp-", ".lstmp-x-1", ".lstmp-1-2-3"})
     ASSERT_TRUE(write(key, key));
 
