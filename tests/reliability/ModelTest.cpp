@@ -283,7 +283,7 @@ std::string commonStep(Store& store, Model& model, const std::vector<std::string
   // After every step: the count, every key's presence, and exactly the
   // objects the model says the stores hold are alive (the test keeps none).
   if (store.getNumElements() != model.count()) {
-    diff << "getNumElements " << store.getNumElements() << ", expected " << model.count();
+    diff << "getNumElements " << store.getNumElements() << ", expected " << model.count() << "; ";
   }
   for (const std::string& each : keys) {
     if (store.isInStorage(each) != model.isInStorage(each)) {
