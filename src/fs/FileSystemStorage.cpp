@@ -116,8 +116,15 @@ bool FileSystemStorage::delAll() {
   // List first, delete after: removing entries from a folder while reading
   // its listing may make the listing skip others.
   std::vector<std::string> names;
+  std::vector<std::string> abandoned;
   while (const char* name = FsDirRead(listing)) {
-    if (!isDotEntry(name)) names.emplace_back(name);
+    if (isTemporaryFileName(name)) {
+      // Another writer's file on its way is not ours to take; one whose
+      // writer died will never be renamed.
+      if (isAbandonedTemporaryFileName(name)) abandoned.emplace_back(name);
+    } else if (!isDotEntry(name)) {
+      names.emplace_back(name);
+    }
   }
   FsDirClose(listing);
 
@@ -125,6 +132,7 @@ bool FileSystemStorage::delAll() {
   for (const std::string& name : names) {
     ok = del(name) && ok;
   }
+  for (const std::string& name : abandoned) velFileRemove(m_folder + name);
   LS_TRACE_MSG(1, "folder <%s>: %s in deleting all content", m_folder.c_str(),
                ok ? "SUCCESS" : "FAILURE");
   return ok;
@@ -144,7 +152,12 @@ bool FileSystemStorage::startGetAll() {
 bool FileSystemStorage::getNextInternal(std::string& key, char*& data, unsigned& len,
                                         bool& endReached) {
   LS_TRACE_ENTRY("getNextInternal");
-  const char* name = FsDirRead(m_dirHandle);
+  // Temporary files are records on their way to their names (or debris of a
+  // killed writer): passed over here, so that they never count as records.
+  const char* name;
+  do {
+    name = FsDirRead(m_dirHandle);
+  } while (name != nullptr && isTemporaryFileName(name));
   endReached = false;
   if (name == nullptr) {
     endReached = true;
@@ -152,7 +165,8 @@ bool FileSystemStorage::getNextInternal(std::string& key, char*& data, unsigned&
     return true;
   }
   // Reading on through getNextRaw keeps the skip rules of the iteration in
-  // one place; the nesting is at most two deep, "." and "..".
+  // one place; the nesting is at most two deep, "." and "..". (Temporary
+  // files, as many as killed writers left, are passed over above instead.)
   if (isDotEntry(name)) return getNextRaw(key, data, len);
   key = name;
   return getRaw(std::string(name), data, len);

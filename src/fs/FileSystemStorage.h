@@ -14,10 +14,14 @@
 // read as a record (a sub-folder, a FIFO) is skipped by the iteration.
 //
 // A record is replaced atomically: readers in other processes see the old or
-// the new bytes, never a mixture. Whether a write also survives a power cut
-// is setDurableWrites() (platform/Durability.h). The store keeps no expiry
-// and no count, and takes no lock: several objects and processes may share a
-// folder, and nothing coordinates them.
+// the new bytes, never a mixture. The new bytes reach the record's name
+// through a short-lived hidden file ".lstmp-<pid>-<n>"; such names are the
+// store's own and never count as records, so a folder's own records must
+// not be named so. A writer killed at the wrong instant leaves its file
+// behind; delAll() removes those of processes that no longer exist. Whether a write also survives a
+// power cut is setDurableWrites() (platform/Durability.h). The store keeps no expiry and no count,
+// and takes no lock: several objects and processes may share a folder, and nothing coordinates
+// them.
 //
 // One thread at a time per object.
 #ifndef LOGINSTORAGE_FS_FILESYSTEMSTORAGE_H
@@ -66,7 +70,8 @@ class LOGINSTORAGE_EXPORT FileSystemStorage : public AbstractStorage {
   bool del(const std::string& key) override;
 
   // Removes every record listed in the folder, trying each even after a
-  // failure; true when all were removed (also when there were none).
+  // failure; true when all were removed (also when there were none). Also
+  // removes the temporary files of writers that were killed.
   bool delAll() override;
 
   // Opens the iteration: a live listing of the folder, so records added or

@@ -63,6 +63,15 @@ std::string readFile(const std::string& path);
 // failure, leaving the old file (if any) untouched.
 void writeFile(const std::string& path, const std::string& content);
 
+// True when name, an entry of a folder, is one of writeFile's temporary
+// files (".lstmp-<pid>-<n>"): a record's new content on its way to its own
+// name, or what a writer killed on that way left behind. Never a record.
+bool isTemporaryFileName(const char* name);
+
+// True when name is a temporary file whose writing process no longer exists,
+// so that nothing will ever rename it: safe to remove.
+bool isAbandonedTemporaryFileName(const char* name);
+
 namespace filesystem_testing {
 // Makes writeFile act as on a file system without unnamed temporary files, so
 // that tests can exercise the named-file path. Off by default.

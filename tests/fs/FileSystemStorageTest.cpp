@@ -2,6 +2,8 @@
 // out-parameters and trace lines.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <map>
@@ -211,6 +213,33 @@ TEST_F(FileSystemStorageTest, IterationDeliversHiddenRecordsSkipsTheRestAndEndsF
   bool endReached = false;
   len = 100;  // and so again on every further call
   EXPECT_TRUE(store.getNextInternal(first, data, len, endReached) && endReached && len == 0);
+}
+
+// A record reaches its name through a hidden temporary file; a writer killed
+// in between leaves that file behind. Neither kind is ever a record, and
+// delAll() takes only those whose writer is gone.
+TEST_F(FileSystemStorageTest, TemporaryFilesAreNoRecordsAndKilledWritersFilesGoWithDelAll) {
+  const pid_t gone = ::fork();
+  ASSERT_GE(gone, 0);
+  if (gone == 0) ::_exit(0);
+  ASSERT_EQ(::waitpid(gone, nullptr, 0), gone);
+  const std::string left = ".lstmp-" + std::to_string(gone) + "-7";
+  const std::string inFlight = ".lstmp-" + std::to_string(::getpid()) + "-4000000";
+  testsupport::writeFileBytes(tmp / left, "debris");
+  testsupport::writeFileBytes(tmp / inFlight, "new bytes");
+  testsupport::writeFileBytes(tmp / ".lstmp-0-1", "no writer has id 0");
+  for (const char* key : {"a", ".lstmp-", ".lstmp-x-1", ".lstmp-1-2-3"})
+    ASSERT_TRUE(write(key, key));
+
+  ASSERT_TRUE(store.startGetAll());
+  EXPECT_EQ(drain(), (Records{{"a", "a"},
+                              {".lstmp-", ".lstmp-"},
+                              {".lstmp-x-1", ".lstmp-x-1"},
+                              {".lstmp-1-2-3", ".lstmp-1-2-3"}}));
+  store.endGetAll();
+  EXPECT_EQ(read(left), "debris") << "still reachable by its name";
+  EXPECT_TRUE(store.delAll());
+  EXPECT_EQ(listFolder(tmp.path()), Lines{inFlight});
 }
 
 }  // namespace

@@ -1,0 +1,105 @@
+#include "reliability/Reliability.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace reliability {
+
+namespace {
+
+long g_live = 0;
+uint64_t g_made = 0;
+
+#if defined(__SANITIZE_ADDRESS__)
+constexpr double kBuildScale = 0.1;
+#else
+constexpr double kBuildScale = 1.0;
+#endif
+
+}  // namespace
+
+unsigned scaled(unsigned n) {
+  double factor = kBuildScale;
+  if (const char* scale = std::getenv("LOGINSTORAGE_RELIABILITY_SCALE")) {
+    factor *= std::strtod(scale, nullptr);
+  }
+  const double result = n * factor;
+  return result < 1.0 ? 1u : static_cast<unsigned>(result);
+}
+
+uint64_t seed(uint64_t fixed) {
+  if (const char* text = std::getenv("LOGINSTORAGE_SEED")) {
+    return std::strtoull(text, nullptr, 0);
+  }
+  return fixed;
+}
+
+std::string image(const std::string& key, uint32_t gen) {
+  char header[64];
+  const unsigned fill = (gen * 2654435761u) % 9000u;
+  const int n = std::snprintf(header, sizeof header, "|%u|%u|", gen, fill);
+  std::string bytes = key;
+  bytes.append(header, static_cast<size_t>(n));
+  uint32_t x = gen * 31u + static_cast<uint32_t>(key.size()) + 7u;
+  for (unsigned i = 0; i < fill; ++i) {
+    x = x * 1103515245u + 12345u;
+    bytes.push_back(static_cast<char>(x >> 23));
+  }
+  return bytes;
+}
+
+bool isImage(const std::string& key, const std::string& content, uint32_t* gen) {
+  if (content.compare(0, key.size() + 1, key + "|") != 0) return false;
+  const unsigned long value = std::strtoul(content.c_str() + key.size() + 1, nullptr, 10);
+  if (content != image(key, static_cast<uint32_t>(value))) return false;
+  if (gen != nullptr) *gen = static_cast<uint32_t>(value);
+  return true;
+}
+
+Item::Item(std::string key, uint32_t payload)
+    : m_key(std::move(key)), m_payload(payload), m_serial(++g_made) {
+  ++g_live;
+}
+
+Item::~Item() { --g_live; }
+
+bool Item::serialize(char*& data, unsigned& len) {
+  if (m_payload == 0) return false;
+  const uint32_t size = static_cast<uint32_t>(m_key.size());
+  m_image.assign(reinterpret_cast<const char*>(&size), sizeof size);
+  m_image += m_key;
+  m_image.append(reinterpret_cast<const char*>(&m_payload), sizeof m_payload);
+  if (m_image.size() > len) return false;
+  data = &m_image[0];
+  len = static_cast<unsigned>(m_image.size());
+  return true;
+}
+
+std::string Item::toString() const { return m_key + "=" + std::to_string(m_payload); }
+
+VelLogin::RefCountPtr<VelLogin::IStorable> Item::make(const std::string& key, uint32_t payload) {
+  return VelLogin::RefCountPtr<VelLogin::IStorable>(new Item(key, payload));
+}
+
+VelLogin::RefCountPtr<VelLogin::IStorable> Item::fromBytes(const char* data, unsigned len) {
+  uint32_t size = 0;
+  uint32_t payload = 0;
+  if (data == nullptr || len < sizeof size) return VelLogin::RefCountPtr<VelLogin::IStorable>();
+  std::memcpy(&size, data, sizeof size);
+  if (size > len - sizeof size || len - sizeof size - size != sizeof payload) {
+    return VelLogin::RefCountPtr<VelLogin::IStorable>();
+  }
+  std::memcpy(&payload, data + sizeof size + size, sizeof payload);
+  return make(std::string(data + sizeof size, size), payload);
+}
+
+const Item* Item::of(const VelLogin::RefCountPtr<VelLogin::IStorable>& ptr) {
+  return static_cast<const Item*>(ptr.get());
+}
+
+long Item::live() { return g_live; }
+
+uint64_t Item::made() { return g_made; }
+
+}  // namespace reliability
