@@ -5,6 +5,7 @@
 // side in one run. Floors are in FloorBenchmarks.cpp.
 #include <benchmark/benchmark.h>
 
+#include <chrono>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -129,6 +130,60 @@ void cacheSet(benchmark::State& state) {
   CacheStorage store(new MemStorage(kLifetime, 1000000), kLifetime, 1000000);
   replaceObjects(state, store);
 }
+
+
+}  // namespace
+
+// Blocks of operations for PairedBenchmarks.cpp, which runs the traced and
+// the compiled-out variant in alternation. The namespace follows the variant.
+namespace VelLogin {
+namespace benchhooks {
+
+namespace {
+MemStorage* g_setStore = nullptr;
+CacheStorage* g_cacheSetStore = nullptr;
+std::vector<RefCountPtr<IStorable>>* g_setObjects = nullptr;
+
+void prepareSets() {
+  if (g_setObjects != nullptr) return;
+  g_setObjects = new std::vector<RefCountPtr<IStorable>>();
+  for (const std::string& key : bench::sessionKeys(1000)) g_setObjects->emplace_back(new Blob(key, "v"));
+  g_setStore = new MemStorage(kLifetime, 1000000);
+  g_cacheSetStore = new CacheStorage(new MemStorage(kLifetime, 1000000), kLifetime, 1000000);
+}
+}  // namespace
+
+// get() hits over a table of 1,000 records, count of them.
+void memGetHits(size_t count) {
+  MemTables& tables = MemTables::forSize(1000);
+  for (size_t i = 0; i < count; ++i) {
+    RefCountPtr<IStorable> obj = tables.mem->get(tables.keys[i % 1000], nullptr);
+    benchmark::DoNotOptimize(obj.get());
+  }
+}
+
+void cacheGetHits(size_t count) {
+  MemTables& tables = MemTables::forSize(1000);
+  for (size_t i = 0; i < count; ++i) {
+    RefCountPtr<IStorable> obj = tables.cache->get(tables.keys[i % 1000], nullptr);
+    benchmark::DoNotOptimize(obj.get());
+  }
+}
+
+void memSets(size_t count) {
+  prepareSets();
+  for (size_t i = 0; i < count; ++i) g_setStore->set((*g_setObjects)[i % 1000], 0);
+}
+
+void cacheSets(size_t count) {
+  prepareSets();
+  for (size_t i = 0; i < count; ++i) g_cacheSetStore->set((*g_setObjects)[i % 1000], 0);
+}
+
+}  // namespace benchhooks
+}  // namespace VelLogin
+
+namespace {
 
 #if !defined(LOGINSTORAGE_TRACE_COMPILED_OUT)
 
@@ -278,6 +333,99 @@ void stackGet(benchmark::State& state, long lifetime) {
 void stackGetHot(benchmark::State& state) { stackGet(state, kLifetime); }
 void stackGetCold(benchmark::State& state) { stackGet(state, -1); }
 
+
+// Paired: blocks of the operation and of its floor alternate on the same
+// records, so that both meet the same state of a shared machine; the ratio
+// is taken within each repetition.
+template <typename Op, typename Floor>
+void paired(benchmark::State& state, size_t block, size_t recordsPerCall, Op op, Floor floor) {
+  double opNs = 0;
+  double floorNs = 0;
+  bool opFirst = true;
+  auto timed = [block](auto& fn) {
+    const auto start = std::chrono::steady_clock::now();
+    for (size_t k = 0; k < block; ++k) fn();
+    return std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start)
+        .count();
+  };
+  for (auto _ : state) {
+    if (opFirst) {
+      opNs += timed(op);
+      floorNs += timed(floor);
+    } else {
+      floorNs += timed(floor);
+      opNs += timed(op);
+    }
+    opFirst = !opFirst;
+  }
+  const double records = double(state.iterations()) * double(block) * double(recordsPerCall);
+  state.counters["op_ns"] = opNs / records;
+  state.counters["floor_ns"] = floorNs / records;
+  state.counters["ratio"] = opNs / floorNs;
+}
+
+void pairedRead(benchmark::State& state) {
+  const size_t size = static_cast<size_t>(state.range(0));
+  Folder folder(size);
+  std::unique_ptr<FileSystemStorage> store(folderStore(folder.path));
+  std::vector<std::string> paths;
+  for (const std::string& key : folder.keys) paths.push_back(folder.path + key);
+  std::vector<char> buffer(size);
+  size_t i = 0;
+  size_t j = 0;
+  paired(state, 32, 1,
+         [&] {
+           char* data = nullptr;
+           unsigned len = 0xFFFFFFFFu;
+           store->getRaw(folder.keys[i], data, len);
+           delete[] data;
+           if (++i == folder.keys.size()) i = 0;
+         },
+         [&] {
+           bench::floorRead(paths[j].c_str(), buffer.data(), buffer.size());
+           if (++j == paths.size()) j = 0;
+         });
+}
+
+void pairedWrite(benchmark::State& state) {
+  const size_t size = static_cast<size_t>(state.range(0));
+  Folder folder(size);
+  std::unique_ptr<FileSystemStorage> store(folderStore(folder.path));
+  const std::string bytes = bench::recordBytes(size, 2);
+  size_t i = 0;
+  size_t j = 0;
+  paired(state, 4, 1,
+         [&] {
+           store->setRaw(folder.keys[i], bytes.data(), static_cast<unsigned>(size), 0);
+           if (++i == folder.keys.size()) i = 0;
+         },
+         [&] {
+           bench::floorAtomicReplace(folder.path, folder.path + folder.keys[j], bytes.data(),
+                                     size);
+           if (++j == folder.keys.size()) j = 0;
+         });
+}
+
+void pairedIterate(benchmark::State& state) {
+  const size_t size = static_cast<size_t>(state.range(0));
+  Folder folder(size);
+  std::unique_ptr<FileSystemStorage> store(folderStore(folder.path));
+  std::vector<char> buffer(size);
+  std::string key;
+  paired(state, 1, folder.keys.size(),
+         [&] {
+           store->startGetAll();
+           for (;;) {
+             char* data = nullptr;
+             unsigned len = 0xFFFFFFFFu;
+             if (!store->getNextRaw(key, data, len)) break;
+             delete[] data;
+           }
+           store->endGetAll();
+         },
+         [&] { bench::floorReadFolder(folder.path, buffer.data(), buffer.size()); });
+}
+
 #endif  // !LOGINSTORAGE_TRACE_COMPILED_OUT
 
 [[maybe_unused]] const bool registered = [] {
@@ -295,6 +443,9 @@ void stackGetCold(benchmark::State& state) { stackGet(state, -1); }
     benchmark::RegisterBenchmark(VARIANT "obj_get", objGet)->Arg(size)->UseRealTime();
     benchmark::RegisterBenchmark(VARIANT "obj_getNext", objGetNext)->Arg(size)->UseRealTime();
     benchmark::RegisterBenchmark(VARIANT "stack_get_cold", stackGetCold)->Arg(size)->UseRealTime();
+    benchmark::RegisterBenchmark("paired:fs_read", pairedRead)->Arg(size)->UseRealTime();
+    benchmark::RegisterBenchmark("paired:fs_write", pairedWrite)->Arg(size)->UseRealTime();
+    benchmark::RegisterBenchmark("paired:fs_iterate", pairedIterate)->Arg(size)->UseRealTime();
   }
   benchmark::RegisterBenchmark(VARIANT "stack_get_hot", stackGetHot)->Arg(1024);
   for (int64_t n : bench::shortMode() ? std::vector<int64_t>{1000}
