@@ -362,6 +362,7 @@ set title 'Folder store: cost per record against record size (median, wall time)
 set xlabel 'record size (bytes)'
 set ylabel 'microseconds per record'
 set logscale xy
+set xrange [70:6000]
 set xtics (100, 1024, 4096)
 set key outside right
 set grid
