@@ -29,11 +29,15 @@ SIZES = [100, 1024, 4096]
 def load(paths):
     runs = {}
     context = None
+    errors = []
     for path in paths:
         data = json.loads(Path(path).read_text())
         context = context or data.get("context", {})
         for b in data["benchmarks"]:
-            if b.get("run_type") != "iteration" or b.get("error_occurred"):
+            if b.get("error_occurred"):
+                errors.append(f"{b['name']}: {b.get('error_message', '?')}")
+                continue
+            if b.get("run_type") != "iteration":
                 continue
             name = re.sub(r"/iterations:\d+", "", b["name"])
             real = name.endswith("/real_time")
@@ -49,7 +53,7 @@ def load(paths):
                 entry["allocs"].append(b["allocs"])
             if "ratio" in b:
                 entry["pairs"].append((b["op_ns"], b["floor_ns"], b["ratio"]))
-    return runs, context
+    return runs, context, errors
 
 
 class Results:
@@ -391,7 +395,10 @@ def main():
     ap.add_argument("--short", action="store_true")
     args = ap.parse_args()
 
-    runs, context = load(args.json)
+    runs, context, errors = load(args.json)
+    if errors:
+        # A benchmark that failed measured nothing: fail the run, short or not.
+        sys.exit("benchmarks failed:\n  " + "\n  ".join(errors))
     r = Results(runs)
     tables = build(r, read_memory(args.memory), args.short)
     machine = (f"Machine: {context.get('num_cpus', '?')} CPUs at "
