@@ -57,31 +57,34 @@ bool FileSystemStorage::getRaw(const std::string& key, char*& data, unsigned& le
     LS_TRACE_MSG(1, "ERROR: wrong usage! len==0");
     return false;
   }
-  std::string content;
+  // Read straight into the buffer handed out: no intermediate copy.
+  char* const given = data;
   try {
-    content = readFile(m_folder + key);
+    WholeFileReader file(m_folder + key);
+    const unsigned size = static_cast<unsigned>(file.size());
+    if (file.size() > capacity) {
+      len = size;
+      LS_TRACE_MSG(2, "WARNING: data was not written, because len <%d> is less then needed <%d>",
+                   capacity, size);
+      return false;
+    }
+    if (data == nullptr) {
+      data = new (std::nothrow) char[size];
+      if (data == nullptr) {
+        LS_TRACE_MSG(1, "new has failed to allocate %d chars", size);
+        return false;
+      }
+    }
+    len = static_cast<unsigned>(file.readInto(data));
+    return true;
   } catch (const Exception&) {
+    if (data != given) delete[] data;
+    data = given;
+    len = 0;
     LS_TRACE_MSG(1, "Folder <%s> VelLogin::readFile failed to read file: %s", m_folder.c_str(),
                  key.c_str());
     return false;
   }
-  const unsigned size = static_cast<unsigned>(content.size());
-  if (content.size() > capacity) {
-    len = size;
-    LS_TRACE_MSG(2, "WARNING: data was not written, because len <%d> is less then needed <%d>",
-                 capacity, size);
-    return false;
-  }
-  if (data == nullptr) {
-    data = new (std::nothrow) char[size];
-    if (data == nullptr) {
-      LS_TRACE_MSG(1, "new has failed to allocate %d chars", size);
-      return false;
-    }
-  }
-  std::memcpy(data, content.data(), size);
-  len = size;
-  return true;
 }
 
 bool FileSystemStorage::setRaw(const std::string& key, const char* data, unsigned len, unsigned) {

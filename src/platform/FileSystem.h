@@ -11,6 +11,7 @@
 #ifndef LOGINSTORAGE_PLATFORM_FILESYSTEM_H
 #define LOGINSTORAGE_PLATFORM_FILESYSTEM_H
 
+#include <cstddef>
 #include <string>
 
 // An open folder listing; null when there is none.
@@ -49,6 +50,32 @@ namespace VelLogin {
 // Exception when the file cannot be read or is not a regular file (a folder,
 // a FIFO, a socket, a device); never blocks on a FIFO.
 std::string readFile(const std::string& path);
+
+// The same read in two steps, for a caller that picks the buffer once it
+// knows the file's size and so saves readFile's intermediate copy:
+//
+//   WholeFileReader file(path);             // opens and stats, or throws
+//   char* bytes = new char[file.size()];
+//   size_t got = file.readInto(bytes);      // at most size() bytes, or throws
+//
+// Refuses what readFile refuses, with the same Exception. readInto() returns
+// fewer than size() bytes when the file shrank after it was opened. The file
+// is closed by the destructor.
+class WholeFileReader {
+ public:
+  explicit WholeFileReader(const std::string& path);
+  ~WholeFileReader();
+  WholeFileReader(const WholeFileReader&) = delete;
+  WholeFileReader& operator=(const WholeFileReader&) = delete;
+
+  size_t size() const { return m_size; }
+  size_t readInto(char* buffer);
+
+ private:
+  std::string m_path;
+  int m_fd;
+  size_t m_size;
+};
 
 // Creates or replaces the file at path so that it holds exactly content,
 // atomically: another process reading path sees the old or the new content,

@@ -173,45 +173,55 @@ namespace filesystem_testing {
 void forceNamedTemporaryFiles(bool on) { g_forceNamedTemporaryFiles.store(on); }
 }  // namespace filesystem_testing
 
-std::string readFile(const std::string& path) {
+WholeFileReader::WholeFileReader(const std::string& path) : m_path(path), m_fd(-1), m_size(0) {
   refuseNul(path);
   // O_NONBLOCK: opening a FIFO for reading would otherwise wait for a writer.
-  int fd;
   do {
-    fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-  } while (fd < 0 && errno == EINTR);
-  if (fd < 0) fail("cannot open file", errno, path);
+    m_fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+  } while (m_fd < 0 && errno == EINTR);
+  if (m_fd < 0) fail("cannot open file", errno, path);
 
   struct stat info;
-  if (::fstat(fd, &info) != 0) {
-    closeQuietly(fd);
+  if (::fstat(m_fd, &info) != 0) {
+    closeQuietly(m_fd);
     fail("cannot stat file", errno, path);
   }
   if (!S_ISREG(info.st_mode)) {
-    ::close(fd);
+    ::close(m_fd);
     throw Exception("not a regular file", path);
   }
-
-  std::string content;
-  try {
-    content.resize(static_cast<size_t>(info.st_size));
-  } catch (const std::exception&) {  // bad_alloc, or length_error on 32 bits
-    ::close(fd);
+  if (static_cast<unsigned long long>(info.st_size) > std::string().max_size()) {
+    ::close(m_fd);
     throw Exception("file too large to read", path);
   }
+  m_size = static_cast<size_t>(info.st_size);
+}
+
+WholeFileReader::~WholeFileReader() { ::close(m_fd); }
+
+size_t WholeFileReader::readInto(char* buffer) {
   size_t got = 0;
-  while (got < content.size()) {
-    ssize_t n = ::read(fd, &content[got], content.size() - got);
+  while (got < m_size) {
+    ssize_t n = ::read(m_fd, buffer + got, m_size - got);
     if (n < 0) {
       if (errno == EINTR) continue;
-      closeQuietly(fd);
-      fail("cannot read file", errno, path);
+      fail("cannot read file", errno, m_path);
     }
     if (n == 0) break;  // shrunk since fstat: what was there is the content
     got += static_cast<size_t>(n);
   }
-  ::close(fd);
-  content.resize(got);
+  return got;
+}
+
+std::string readFile(const std::string& path) {
+  WholeFileReader file(path);
+  std::string content;
+  try {
+    content.resize(file.size());
+  } catch (const std::exception&) {  // bad_alloc, or length_error on 32 bits
+    throw Exception("file too large to read", path);
+  }
+  content.resize(file.readInto(&content[0]));
   return content;
 }
 

@@ -57,6 +57,35 @@ TEST_P(WriteFileTest, ReplacesWithAnOwnerOnlyFileAndLeavesNoTemporaryFile) {
   EXPECT_EQ(readFileBytes(tmp / "rec"), bytes);
 }
 
+// The two-step read must refuse exactly what readFile refuses, and read the
+// bytes in place, binary included, up to the size it reported.
+TEST(WholeFileReaderTest, ReportsTheSizeReadsInPlaceAndRefusesNonFiles) {
+  TempFolder tmp;
+  const std::string bytes("\0\x01\xff rec\0", 8);
+  VelLogin::writeFile(tmp / "rec", bytes);
+  VelLogin::writeFile(tmp / "empty", "");
+  {
+    VelLogin::WholeFileReader file(tmp / "rec");
+    ASSERT_EQ(file.size(), bytes.size());
+    std::string buffer(12, '#');
+    EXPECT_EQ(file.readInto(&buffer[0]), bytes.size());
+    EXPECT_EQ(buffer, bytes + "####");
+  }
+  VelLogin::WholeFileReader empty(tmp / "empty");
+  EXPECT_EQ(empty.size(), 0u);
+  char untouched = '#';
+  EXPECT_EQ(empty.readInto(&untouched), 0u);
+  EXPECT_EQ(untouched, '#');
+
+  ASSERT_EQ(::mkdir((tmp / "sub").c_str(), 0700), 0);
+  ASSERT_EQ(::mkfifo((tmp / "fifo").c_str(), 0600), 0);
+  for (const std::string& path :
+       {tmp / "sub", tmp / "fifo", tmp / "missing", tmp / std::string("rec\0x", 5)}) {
+    EXPECT_THROW(VelLogin::WholeFileReader{path}, VelLogin::Exception) << path;
+    EXPECT_THROW(VelLogin::readFile(path), VelLogin::Exception) << path;
+  }
+}
+
 TEST(WriteFileProcessesTest, ReadersAndKillsNeverSeeAMixedRecord) {
   TempFolder tmp;
   const std::string path = tmp / "rec";

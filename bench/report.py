@@ -1,0 +1,423 @@
+#!/usr/bin/env python3
+"""Turns the benchmark results into the tables of docs/PERFORMANCE.md.
+
+Reads the JSON of loginstorage_bench and loginstorage_bench_sweep and the
+lines of loginstorage_memory_per_record, takes the median of the repetitions
+of every benchmark, sets each operation against its floor from the same run,
+and writes the tables between the markers of the report, a data file and a
+gnuplot chart of the folder store's cost against record size. Prints the
+tables as well.
+
+Times: memory benchmarks use CPU time (a shared machine preempts; the CPU
+time of a lookup is what it costs), folder benchmarks use wall time (a
+caller waits for the disk too). Per-record figures divide a pass by its
+records.
+"""
+import argparse
+import json
+import re
+import statistics
+import subprocess
+import sys
+from pathlib import Path
+
+BEGIN = "<!-- BEGIN GENERATED: scripts/run-benchmarks rewrites from here -->"
+END = "<!-- END GENERATED -->"
+SIZES = [100, 1024, 4096]
+
+
+def load(paths):
+    runs = {}
+    context = None
+    errors = []
+    for path in paths:
+        data = json.loads(Path(path).read_text())
+        context = context or data.get("context", {})
+        for b in data["benchmarks"]:
+            if b.get("error_occurred"):
+                errors.append(f"{b['name']}: {b.get('error_message', '?')}")
+                continue
+            if b.get("run_type") != "iteration":
+                continue
+            name = re.sub(r"/iterations:\d+", "", b["name"])
+            real = name.endswith("/real_time")
+            name = name.replace("/real_time", "")
+            scale = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}[b.get("time_unit", "ns")]
+            t = (b["real_time"] if real else b["cpu_time"]) * scale
+            records = b.get("records")
+            if records:
+                t /= records
+            entry = runs.setdefault(name, {"times": [], "allocs": [], "pairs": []})
+            entry["times"].append(t)
+            if "allocs" in b:
+                entry["allocs"].append(b["allocs"])
+            if "ratio" in b:
+                entry["pairs"].append((b["op_ns"], b["floor_ns"], b["ratio"]))
+    return runs, context, errors
+
+
+class Results:
+    def __init__(self, runs):
+        self.runs = runs
+
+    def has(self, name):
+        return name in self.runs
+
+    def median(self, name):
+        return statistics.median(self.runs[name]["times"])
+
+    def spread(self, name):
+        t = self.runs[name]["times"]
+        if len(t) < 2:
+            return None
+        return (max(t) - min(t)) / statistics.median(t)
+
+    def reps(self, name):
+        return len(self.runs[name]["times"])
+
+    def paired(self, name):
+        """Medians of (operation, floor, ratio) over the repetitions, and the ratio's spread."""
+        pairs = self.runs[name]["pairs"]
+        if not pairs:
+            return None
+        ratios = [p[2] for p in pairs]
+        spread = (max(ratios) - min(ratios)) / statistics.median(ratios) if len(ratios) > 1 else None
+        return (statistics.median(p[0] for p in pairs), statistics.median(p[1] for p in pairs),
+                statistics.median(ratios), spread)
+
+    def allocs(self, name):
+        a = self.runs[name]["allocs"]
+        return statistics.median(a) if a else None
+
+
+def ns(value):
+    if value >= 100000:
+        return f"{value / 1000:,.0f} µs"
+    if value >= 10000:
+        return f"{value / 1000:.1f} µs"
+    if value >= 100:
+        return f"{value:,.0f} ns"
+    return f"{value:.1f} ns"
+
+
+def pct(value):
+    return "–" if value is None else f"±{value * 50:.0f} %"
+
+
+def verdict(ratio, goal):
+    if goal is None or ratio is None:
+        return ""
+    return "met" if ratio <= goal else "**missed**"
+
+
+class Table:
+    def __init__(self, title, header):
+        self.lines = [f"#### {title}", "", "| " + " | ".join(header) + " |",
+                      "|" + "|".join("---" for _ in header) + "|"]
+
+    def row(self, *cells):
+        self.lines.append("| " + " | ".join(str(c) for c in cells) + " |")
+
+    def text(self):
+        return "\n".join(self.lines) + "\n"
+
+
+def ratio_rows(r, table, rows):
+    """rows: (label, operation, floor, goal)."""
+    for label, op, floor, goal in rows:
+        if not (r.has(op) and r.has(floor)):
+            continue
+        ratio = r.median(op) / r.median(floor)
+        alloc = r.allocs(op)
+        table.row(label, ns(r.median(op)), pct(r.spread(op)), ns(r.median(floor)),
+                  pct(r.spread(floor)), f"{ratio:.2f}x",
+                  "" if goal is None else f"≤ {goal}x", verdict(ratio, goal),
+                  "" if alloc is None else f"{alloc:.0f}")
+
+
+RATIO_HEADER = ["operation", "median", "spread", "floor", "floor spread", "ratio", "goal",
+                "", "allocs/op"]
+
+
+def growth_sizes(r, prefix):
+    return sorted(int(k.rsplit("/", 1)[1]) for k in r.runs if k.startswith(prefix + "/"))
+
+
+def build(r, memory, short):
+    out = []
+    # --- hot reads and writes in memory
+    t = Table("Memory stores: hot reads and writes (CPU time per operation)", RATIO_HEADER)
+    rows = []
+    for n in growth_sizes(r, "floor:map_get"):
+        rows.append((f"MemStorage::get hit, {n:,} records", f"lib:mem_get_hit/{n}",
+                     f"floor:map_get/{n}", 1.5))
+        rows.append((f"CacheStorage::get fresh hit, {n:,} records", f"lib:cache_get_hit/{n}",
+                     f"floor:map_get/{n}", 2.0))
+    rows.append(("MemStorage::set, replacing", "lib:mem_set/1000", "floor:map_set/1000", None))
+    rows.append(("CacheStorage::set over MemStorage", "lib:cache_set/1000", "floor:map_set/1000",
+                 None))
+    rows.append(("cached stack get, hot (folder behind)", "lib:stack_get_hot/1024",
+                 "floor:map_get/1000", 2.0))
+    ratio_rows(r, t, rows)
+    out.append(t.text())
+    out.append("Floors: a bare `std::unordered_map<std::string, RefCountPtr<IStorable>>` find "
+               "plus a copy of the pointer (reads); `map[obj->getKey()] = obj` (writes). "
+               "Keys are 22 bytes.\n")
+
+    # --- tracing off, paired
+    t = Table("Tracing off, paired: blocks of 1,000 calls alternating between the shared "
+              "library and the copy with the trace macros compiled out (wall time per call)",
+              ["operation", "traced, off", "compiled out", "difference", "ratio spread",
+               "traced calls", "per traced call", "goal", ""])
+    for op, calls in (("mem_get_hit", 3), ("cache_get_hit", 4), ("mem_set", 1),
+                      ("cache_set", 3)):
+        key = f"paired:trace_{op}"
+        if r.has(key) and r.paired(key):
+            traced, untraced, ratio, spread = r.paired(key)
+            per = (traced - untraced) / calls
+            t.row(f"{op}, 1,000 records", ns(traced), ns(untraced), f"{traced - untraced:+.2f} ns",
+                  pct(spread), calls, f"{per:+.2f} ns", "≤ 2 ns", verdict(per, 2.0))
+    out.append(t.text())
+    out.append("Traced calls: `MemStorage::get` hit = get, MemRecord::expired, "
+               "MemRecord::getStorable; `CacheStorage::get` hit adds cleanup; `MemStorage::set` "
+               "= set; `CacheStorage::set` = set, cleanup and the backing store's set.\n")
+
+    # --- tracing off, unpaired
+    t = Table("Tracing off, unpaired: separate benchmarks, for the table sizes and sweeps "
+              "(CPU time; noise of a shared machine included)",
+              ["operation", "traced, off", "compiled out", "difference",
+               "traced calls", "per traced call"])
+    traced_calls = {"mem_get_hit": 3, "cache_get_hit": 4, "mem_set": 1, "cache_set": 3}
+    for op, calls in traced_calls.items():
+        for key in sorted((k for k in r.runs if k.startswith(f"lib:{op}/")),
+                          key=lambda k: int(k.rsplit("/", 1)[1])):
+            other = key.replace("lib:", "notrace:")
+            if not r.has(other):
+                continue
+            diff = r.median(key) - r.median(other)
+            per = diff / calls
+            t.row(key.replace("lib:", ""), ns(r.median(key)), ns(r.median(other)),
+                  f"{diff:+.1f} ns", calls, f"{per:+.1f} ns")
+    for op in ("mem_cleanup", "cache_cleanup"):
+        for n in growth_sizes(r, f"lib:{op}"):
+            key, other = f"lib:{op}/{n}", f"notrace:{op}/{n}"
+            if r.has(other):
+                diff = r.median(key) - r.median(other)
+                t.row(f"{op} per record, {n:,}", ns(r.median(key)), ns(r.median(other)),
+                      f"{diff:+.1f} ns", 1, f"{diff:+.1f} ns")
+    out.append(t.text())
+
+    # --- growth
+    t = Table("Growth: cost per operation or per record as the table grows (CPU time)",
+              ["operation"] + [f"{n:,}" for n in growth_sizes(r, "floor:map_get")] +
+              ["largest / smallest", "goal", "", "ratio to floor, smallest → largest"])
+
+    def growth_row(label, prefix, goal, floor=None):
+        have = [n for n in growth_sizes(r, prefix) if r.has(f"{prefix}/{n}")]
+        if not have:
+            return
+        cells = [ns(r.median(f"{prefix}/{n}")) if r.has(f"{prefix}/{n}") else "–"
+                 for n in growth_sizes(r, "floor:map_get")]
+        lo, hi = f"{prefix}/{have[0]}", f"{prefix}/{have[-1]}"
+        ratio = r.median(hi) / r.median(lo)
+        against = ""
+        if floor and r.has(f"{floor}/{have[0]}") and r.has(f"{floor}/{have[-1]}"):
+            against = (f"{r.median(lo) / r.median(f'{floor}/{have[0]}'):.2f}x → "
+                       f"{r.median(hi) / r.median(f'{floor}/{have[-1]}'):.2f}x")
+        t.row(label, *cells, f"{ratio:.2f}x", "" if goal is None else f"≤ {goal}x",
+              verdict(ratio, goal), against)
+
+    growth_row("bare map hit (floor)", "floor:map_get", None)
+    growth_row("MemStorage::get hit", "lib:mem_get_hit", 2.0, "floor:map_get")
+    growth_row("CacheStorage::get fresh hit", "lib:cache_get_hit", 2.0, "floor:map_get")
+    growth_row("bare map walk per record (floor)", "floor:map_sweep", None)
+    growth_row("MemStorage::cleanup per record, traced", "lib:mem_cleanup", 2.0,
+               "floor:map_sweep")
+    growth_row("MemStorage::cleanup per record, compiled out", "notrace:mem_cleanup", 2.0,
+               "floor:map_sweep")
+    growth_row("CacheStorage::cleanup per record, traced", "lib:cache_cleanup", 2.0,
+               "floor:map_sweep")
+    growth_row("CacheStorage::cleanup per record, compiled out", "notrace:cache_cleanup", 2.0,
+               "floor:map_sweep")
+    growth_row("bare map clear per record (floor)", "floor:map_clear", None)
+    growth_row("MemStorage::delAll per record", "lib:mem_delAll", 2.0, "floor:map_clear")
+    out.append(t.text())
+    sweep = [(n, r.median(f"notrace:mem_cleanup/{n}")) for n in growth_sizes(r, "notrace:mem_cleanup")]
+    if sweep:
+        worst = max(v for _, v in sweep)
+        out.append(f"Sweep with tracing compiled out: at most {worst:.1f} ns per record walked "
+                   f"(goal ≤ 30 ns): {verdict(worst, 30.0) or 'n/a'}.\n")
+
+    t = Table("Folder store: iteration and delAll as the folder grows (1 KiB records, wall "
+              "time per record)", ["operation", "records", "median", "spread", "floor",
+                                   "ratio", "goal", ""])
+    for label, op, floor in (("iteration (getNextRaw)", "lib:fs_iterate_n", "floor:fs_iterate_n"),
+                             ("delAll", "lib:fs_delAll_n", "floor:fs_remove_all_n")):
+        for n in growth_sizes(r, op):
+            a, b = f"{op}/{n}", f"{floor}/{n}"
+            if r.has(a) and r.has(b):
+                ratio = r.median(a) / r.median(b)
+                t.row(label, f"{n:,}", ns(r.median(a)), pct(r.spread(a)), ns(r.median(b)),
+                      f"{ratio:.2f}x", "≤ 1.2x", verdict(ratio, 1.2))
+    out.append(t.text())
+
+    # --- folder store, paired
+    t = Table("Folder store against its floors, paired: blocks of the operation and of its "
+              "floor alternate on the same records (wall time per record)",
+              ["operation", "size", "median", "floor", "ratio", "ratio spread", "goal", ""])
+    for label, key in (("FileSystemStorage::getRaw", "paired:fs_read"),
+                       ("FileSystemStorage::setRaw", "paired:fs_write"),
+                       ("iteration per record", "paired:fs_iterate")):
+        for size in SIZES:
+            name = f"{key}/{size}"
+            if r.has(name) and r.paired(name):
+                op, floor, ratio, spread = r.paired(name)
+                t.row(label, size, ns(op), ns(floor), f"{ratio:.2f}x", pct(spread), "≤ 1.2x",
+                      verdict(ratio, 1.2))
+    out.append(t.text())
+
+    # --- folder store by size
+    t = Table("Folder store by record size, unpaired (wall time per record; fresh folder per "
+              "repetition; the goals are judged on the paired table above)",
+              ["operation", "size"] + RATIO_HEADER[1:-1])
+    rows = []
+    for size in SIZES:
+        rows += [
+            (f"FileSystemStorage::getRaw", f"lib:fs_getRaw/{size}", f"floor:fs_read/{size}", 1.2),
+            (f"FileSystemStorage::setRaw", f"lib:fs_setRaw/{size}",
+             f"floor:fs_write_atomic/{size}", 1.2),
+            (f"plain overwrite (not atomic)", f"floor:fs_write_plain/{size}",
+             f"floor:fs_write_atomic/{size}", None),
+            (f"iteration per record", f"lib:fs_iterate/{size}", f"floor:fs_iterate/{size}", 1.2),
+            (f"ObjectStorage::get", f"lib:obj_get/{size}", f"floor:fs_read/{size}", None),
+            (f"ObjectStorage::getNext per record", f"lib:obj_getNext/{size}",
+             f"floor:fs_iterate/{size}", None),
+            (f"cached stack get, cold", f"lib:stack_get_cold/{size}", f"floor:fs_read/{size}",
+             None),
+        ]
+    for label, op, floor, goal in rows:
+        if not (r.has(op) and r.has(floor)):
+            continue
+        size = op.rsplit("/", 1)[1]
+        ratio = r.median(op) / r.median(floor)
+        t.row(label, size, ns(r.median(op)), pct(r.spread(op)), ns(r.median(floor)),
+              pct(r.spread(floor)), f"{ratio:.2f}x", "" if goal is None else f"≤ {goal}x", "")
+    out.append(t.text())
+    out.append("Floors: open, fstat, read, close (read); an unnamed file in the folder, "
+               "written, linked under a temporary name and renamed over the record (atomic "
+               "write, the sequence the store makes); readdir plus the read floor per entry "
+               "(iteration). The plain overwrite row compares open(O_TRUNC), write, close "
+               "against the atomic floor.\n")
+
+    # --- other stores
+    t = Table("The same workload in LMDB and SQLite (wall time per record)",
+              ["store", "operation", "size", "median", "spread", "folder store", "ratio to folder store",
+               "cached stack hot"])
+    hot = r.median("lib:stack_get_hot/1024") if r.has("lib:stack_get_hot/1024") else None
+    for store in ("lmdb", "sqlite"):
+        for op, ours in (("get", "lib:fs_getRaw"), ("put", "lib:fs_setRaw"),
+                         ("iterate", "lib:fs_iterate")):
+            for size in SIZES:
+                key = f"{store}:{op}/{size}"
+                mine = f"{ours}/{size}"
+                if r.has(key) and r.has(mine):
+                    t.row({"lmdb": "LMDB", "sqlite": "SQLite"}[store], op, size,
+                          ns(r.median(key)), pct(r.spread(key)), ns(r.median(mine)),
+                          f"{r.median(key) / r.median(mine):.2f}x",
+                          ns(hot) if (op == "get" and hot is not None) else "")
+    out.append(t.text())
+
+    # --- memory
+    t = Table("Heap per record held by the stores (key and object excluded)",
+              ["build", "store", "records", "requested bytes", "heap bytes", "goal (x86-64)", ""])
+    for arch, store, n, requested, heap in memory:
+        goal = 160 if arch == "x86-64" else None
+        t.row(arch, store, f"{n:,}", f"{requested:.0f}", f"{heap:.0f}",
+              "≤ 160" if goal else "", verdict(heap, goal))
+    out.append(t.text())
+
+    reps = sorted({r.reps(k) for k in r.runs})
+    out.append(f"Repetitions per benchmark: {', '.join(map(str, reps))}. Spread is ± half of "
+               f"(max − min) / median over the repetitions.\n")
+    return "\n".join(out)
+
+
+def chart(r, data_path, png_path):
+    series = [("floor:fs_read", "read floor"), ("lib:fs_getRaw", "getRaw"),
+              ("floor:fs_write_atomic", "atomic write floor"), ("lib:fs_setRaw", "setRaw"),
+              ("floor:fs_write_plain", "plain overwrite"), ("floor:fs_iterate", "iteration floor"),
+              ("lib:fs_iterate", "iteration"), ("lmdb:get", "LMDB get"),
+              ("lmdb:put", "LMDB put"), ("sqlite:get", "SQLite get"),
+              ("sqlite:put", "SQLite put")]
+    series = [(k, label) for k, label in series if r.has(f"{k}/100")]
+    lines = ["# size " + " ".join(f'"{label}"' for _, label in series)]
+    for size in SIZES:
+        cells = [f"{r.median(f'{k}/{size}') / 1000:.3f}" if r.has(f"{k}/{size}") else "NaN"
+                 for k, _ in series]
+        lines.append(f"{size} " + " ".join(cells))
+    Path(data_path).write_text("\n".join(lines) + "\n")
+    plots = ", ".join(
+        f"'{data_path}' using 1:{i + 2} with linespoints title '{label}'"
+        for i, (_, label) in enumerate(series))
+    script = f"""
+set terminal pngcairo size 900,560 font 'sans,10'
+set output '{png_path}'
+set title 'Folder store: cost per record against record size (median, wall time)'
+set xlabel 'record size (bytes)'
+set ylabel 'microseconds per record'
+set logscale xy
+set xrange [70:6000]
+set xtics (100, 1024, 4096)
+set key outside right
+set grid
+plot {plots}
+"""
+    subprocess.run(["gnuplot"], input=script, text=True, check=True)
+
+
+def read_memory(paths):
+    rows = []
+    for path in paths:
+        for line in Path(path).read_text().splitlines():
+            parts = line.split()
+            if len(parts) == 6 and parts[0] == "memory":
+                rows.append((parts[1], parts[2], int(parts[3]), float(parts[4]), float(parts[5])))
+    return rows
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--json", nargs="+", required=True)
+    ap.add_argument("--memory", nargs="*", default=[])
+    ap.add_argument("--report", required=True, help="markdown file with the markers")
+    ap.add_argument("--chart", help="PNG to write")
+    ap.add_argument("--data", help="chart data file to write")
+    ap.add_argument("--short", action="store_true")
+    args = ap.parse_args()
+
+    runs, context, errors = load(args.json)
+    if errors:
+        # A benchmark that failed measured nothing: fail the run, short or not.
+        sys.exit("benchmarks failed:\n  " + "\n  ".join(errors))
+    r = Results(runs)
+    tables = build(r, read_memory(args.memory), args.short)
+    machine = (f"Machine: {context.get('num_cpus', '?')} CPUs at "
+               f"{context.get('mhz_per_cpu', '?')} MHz, load average "
+               f"{', '.join(f'{x:.2f}' for x in context.get('load_avg', []))} at the start; "
+               f"run {context.get('date', '?')}.\n")
+    body = machine + "\n" + tables
+    print(body)
+
+    report = Path(args.report)
+    text = report.read_text() if report.exists() else f"{BEGIN}\n{END}\n"
+    if BEGIN not in text or END not in text:
+        sys.exit(f"{report}: generated-section markers missing")
+    head, rest = text.split(BEGIN, 1)
+    _, tail = rest.split(END, 1)
+    report.write_text(f"{head}{BEGIN}\n\n{body}\n{END}{tail}")
+    if args.chart and args.data:
+        chart(r, args.data, args.chart)
+
+
+if __name__ == "__main__":
+    main()
