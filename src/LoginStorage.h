@@ -28,6 +28,5 @@
 #include "storage/Exception.h"
 #include "storage/IStorable.h"
 #include "storage/RefCountPtr.h"
-#include "version/VersionInfo.h"
 
 #endif

@@ -15,13 +15,17 @@
 #ifndef LOGINSTORAGE_STORAGE_REFCOUNTPTR_H
 #define LOGINSTORAGE_STORAGE_REFCOUNTPTR_H
 
+#include <cstddef>
+
 namespace VelLogin {
 
 template <typename T>
 class RefCountPtr {
  public:
-  // Takes ownership of object (which may be null).
-  explicit RefCountPtr(T* object = nullptr) : m_object(object), m_count(new unsigned(1)) {}
+  // Takes ownership of object (which may be null). Implicit, so that a
+  // factory may `return new Session(...)` or `return nullptr`.
+  RefCountPtr(T* object = nullptr)  // NOLINT(google-explicit-constructor)
+      : m_object(object), m_count(new unsigned(1)) {}
 
   RefCountPtr(const RefCountPtr& other) : m_object(other.m_object), m_count(other.m_count) {
     share();
@@ -103,6 +107,26 @@ bool operator==(const RefCountPtr<T>& a, const RefCountPtr<U>& b) {
 template <typename T, typename U>
 bool operator!=(const RefCountPtr<T>& a, const RefCountPtr<U>& b) {
   return a.get() != b.get();
+}
+
+template <typename T>
+bool operator==(const RefCountPtr<T>& a, std::nullptr_t) {
+  return a.get() == nullptr;
+}
+
+template <typename T>
+bool operator==(std::nullptr_t, const RefCountPtr<T>& a) {
+  return a.get() == nullptr;
+}
+
+template <typename T>
+bool operator!=(const RefCountPtr<T>& a, std::nullptr_t) {
+  return a.get() != nullptr;
+}
+
+template <typename T>
+bool operator!=(std::nullptr_t, const RefCountPtr<T>& a) {
+  return a.get() != nullptr;
 }
 
 }  // namespace VelLogin

@@ -132,4 +132,24 @@ TEST(RefCountPtrTest, DerivedPointerConvertsAndSharesItsCounter) {
   EXPECT_EQ(destroyed, 0);
 }
 
+// A factory in the style callers write: a new object or nothing.
+RefCountPtr<IStorable> makeCounted(int* destroyed, bool make) {
+  if (!make) return nullptr;
+  return new Counted(destroyed);
+}
+
+TEST(RefCountPtrTest, FactoriesReturnRawObjectsOrNullAndCompareWithNull) {
+  int destroyed = 0;
+  {
+    RefCountPtr<IStorable> made = makeCounted(&destroyed, true);
+    RefCountPtr<IStorable> none = makeCounted(&destroyed, false);
+    EXPECT_TRUE(made != nullptr);
+    EXPECT_FALSE(nullptr == made);
+    EXPECT_TRUE(none == nullptr);
+    EXPECT_EQ(made.getCount(), 1u);
+    EXPECT_EQ(none.getCount(), 1u);
+  }
+  EXPECT_EQ(destroyed, 1);
+}
+
 }  // namespace
