@@ -4,7 +4,9 @@
 #ifndef LOGINSTORAGE_PLATFORM_TRACESINK_H
 #define LOGINSTORAGE_PLATFORM_TRACESINK_H
 
+#include <cstdarg>
 #include <sstream>
+#include <vector>
 
 // Formats its arguments like printf and hands the result to the current trace
 // handler (VelLogin::setTraceHandler). The third argument is unused (always 0).
@@ -15,6 +17,12 @@ void tderrorFunc(const char* topic, int severity, int zero, const char* format,
 // next call. Never returns null.
 const char* tellu_printf(const char* format, ...)
     __attribute__((format(printf, 1, 2)));
+
+// Formats like vprintf into out, growing it to the text's length (always
+// NUL-terminated; an encoding error gives ""). out keeps its capacity between
+// calls, so steady tracing does not allocate.
+void formatInto(std::vector<char>& out, const char* format, va_list args)
+    __attribute__((format(printf, 2, 0)));
 
 // Size of sm_log; a composed message holds at most kTraceLineMax characters.
 constexpr unsigned kTraceBufferSize = 5632;

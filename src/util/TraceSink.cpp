@@ -18,24 +18,6 @@ void writeToStderr(void*, const char*, int, const char* line) {
 VelLogin::TraceHandler g_handler = writeToStderr;
 void* g_handlerContext = nullptr;
 
-// Formats into out, growing it to the text's length; out keeps its capacity
-// between calls so steady tracing does not allocate.
-__attribute__((format(printf, 2, 0))) void formatInto(std::vector<char>& out,
-                                                   const char* format,
-                                                   va_list args) {
-  if (out.size() < 256) out.resize(256);
-  va_list retry;
-  va_copy(retry, args);
-  int needed = std::vsnprintf(out.data(), out.size(), format, args);
-  if (needed < 0) {
-    out[0] = '\0';
-  } else if (static_cast<size_t>(needed) >= out.size()) {
-    out.resize(static_cast<size_t>(needed) + 1);
-    std::vsnprintf(out.data(), out.size(), format, retry);
-  }
-  va_end(retry);
-}
-
 }  // namespace
 
 void tderrorFunc(const char* topic, int severity, int, const char* format, ...) {
