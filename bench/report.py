@@ -47,12 +47,14 @@ def load(paths):
             records = b.get("records")
             if records:
                 t /= records
-            entry = runs.setdefault(name, {"times": [], "allocs": [], "pairs": []})
+            entry = runs.setdefault(name, {"times": [], "allocs": [], "pairs": [], "others": []})
             entry["times"].append(t)
             if "allocs" in b:
                 entry["allocs"].append(b["allocs"])
             if "ratio" in b:
                 entry["pairs"].append((b["op_ns"], b["floor_ns"], b["ratio"]))
+            if "other_ratio" in b:
+                entry["others"].append((b["other_ns"], b["other_ratio"]))
     return runs, context, errors
 
 
@@ -85,9 +87,29 @@ class Results:
         return (statistics.median(p[0] for p in pairs), statistics.median(p[1] for p in pairs),
                 statistics.median(ratios), spread)
 
+    def paired_spreads(self, name):
+        """Spreads of the operation's and of the floor's time over the repetitions."""
+        pairs = self.runs[name]["pairs"]
+        return spread_of([p[0] for p in pairs]), spread_of([p[1] for p in pairs])
+
+    def other(self, name):
+        """Median time, spread and median ratio to the floor of a middle contender."""
+        others = self.runs[name]["others"]
+        if not others:
+            return None
+        times = [o[0] for o in others]
+        return (statistics.median(times), spread_of(times),
+                statistics.median(o[1] for o in others))
+
     def allocs(self, name):
         a = self.runs[name]["allocs"]
         return statistics.median(a) if a else None
+
+
+def spread_of(values):
+    if len(values) < 2:
+        return None
+    return (max(values) - min(values)) / statistics.median(values)
 
 
 def ns(value):
@@ -327,6 +349,8 @@ def build(r, memory, short):
                           ns(hot) if (op == "get" and hot is not None) else "")
     out.append(t.text())
 
+    out.append(redis_tables(r))
+
     # --- memory
     t = Table("Heap per record held by the stores (key and object excluded)",
               ["build", "store", "records", "requested bytes", "heap bytes", "goal (x86-64)", ""])
@@ -339,6 +363,63 @@ def build(r, memory, short):
     reps = sorted({r.reps(k) for k in r.runs})
     out.append(f"Repetitions per benchmark: {', '.join(map(str, reps))}. Spread is ± half of "
                f"(max − min) / median over the repetitions.\n")
+    return "\n".join(out)
+
+
+REDIS_SIZES = [100, 4096]
+
+
+def redis_tables(r):
+    names = [f"paired:redis_{op}/{size}" for op in ("get", "set", "set_ex", "stack_get_cold")
+             for size in REDIS_SIZES]
+    if not any(r.has(n) and r.paired(n) for n in names):
+        return ("#### Redis store\n\nNot measured in this run: redis-server was not on the PATH "
+                "or the Redis store was not built.\n")
+    out = []
+    t = Table("Redis store against bare hiredis, paired: blocks of 16 calls of the store and of "
+              "the same command on a bare hiredis connection alternate on the same records "
+              "(redis-server on loopback, wall time per call)",
+              ["operation", "size", "median", "spread", "floor", "floor spread", "ratio",
+               "ratio spread", "added per call"])
+    for label, op, floor in (
+            ("RedisStorage::getRaw", "get", "GET"),
+            ("RedisStorage::setRaw, no expiry", "set", "SET"),
+            ("RedisStorage::setRaw, expiration 60", "set_ex", "SET … EX 60"),
+            ("cached stack get, cold (Redis behind)", "stack_get_cold", "GET")):
+        for size in REDIS_SIZES:
+            name = f"paired:redis_{op}/{size}"
+            if not (r.has(name) and r.paired(name)):
+                continue
+            mine, floor_ns, ratio, ratio_spread = r.paired(name)
+            mine_spread, floor_spread = r.paired_spreads(name)
+            t.row(f"{label} (floor: {floor})", size, ns(mine), pct(mine_spread), ns(floor_ns),
+                  pct(floor_spread), f"{ratio:.2f}x", pct(ratio_spread),
+                  f"{mine - floor_ns:+,.0f} ns")
+    out.append(t.text())
+
+    t = Table("Where a read is served: a cache hit, the folder store, Redis (wall time per read; "
+              "the two cold stacks and the bare GET alternate in one paired benchmark)",
+              ["size", "cache hit", "folder getRaw", "cached stack cold, folder behind",
+               "cached stack cold, Redis behind", "bare GET round trip",
+               "Redis stack / folder stack"])
+    hot = r.median("lib:stack_get_hot/1024") if r.has("lib:stack_get_hot/1024") else None
+    for size in REDIS_SIZES:
+        name = f"paired:redis_stack_get_cold/{size}"
+        if not (r.has(name) and r.paired(name) and r.other(name)):
+            continue
+        redis_ns, floor_ns, _, _ = r.paired(name)
+        folder_ns, folder_spread, _ = r.other(name)
+        fs_read = f"paired:fs_read/{size}"
+        t.row(size, "–" if hot is None else ns(hot),
+              ns(r.paired(fs_read)[0]) if r.has(fs_read) and r.paired(fs_read) else "–",
+              ns(folder_ns) + ("" if folder_spread is None else f" ({pct(folder_spread)})"),
+              ns(redis_ns), ns(floor_ns),
+              f"{redis_ns / folder_ns:.1f}x")
+    out.append(t.text())
+    out.append("Cache hit: the hot cached stack (`lib:stack_get_hot/1024`, CPU time; a hit never "
+               "reaches the store behind). Folder getRaw: the paired folder table above. A cold "
+               "get goes through `CacheStorage` (a lifetime of -1 makes every cached record "
+               "stale), `ObjectStorage` and the raw store, and builds the object.\n")
     return "\n".join(out)
 
 
