@@ -50,9 +50,14 @@ inline const char* topicColour(const char* topic) {
   return found != VelLoginDebug::m_topicsColors.end() ? found->second.c_str() : "";
 }
 
+// The line-composing helpers run only when a line is written: kept out of
+// line and marked cold, so that a traced method's hot path stays as small as
+// an untraced one's.
+#define LS_TRACE_COLD __attribute__((cold, noinline))
+
 // Resets log_msg and writes the prefix shared by entry lines and stream
 // messages: "[S] L: ", coloured when asked.
-inline void startStreamLine(int severity, const char* topic, const char* label) {
+LS_TRACE_COLD inline void startStreamLine(int severity, const char* topic, const char* label) {
   log_msg.str(std::string());
   if (!VelLoginDebug::m_printColor) {
     log_msg << "[" << severityName(severity) << "] " << label << ": ";
@@ -66,7 +71,7 @@ inline void startStreamLine(int severity, const char* topic, const char* label) 
 // Writes the prefix "[S] L: " of a formatted message into sm_log and returns
 // its length. The reset escape stands before the blank here, unlike in
 // stream lines; readers of existing logs depend on both layouts.
-inline size_t startFormattedLine(int severity, const char* label) {
+LS_TRACE_COLD inline size_t startFormattedLine(int severity, const char* label) {
   if (!VelLoginDebug::m_printColor) {
     std::snprintf(sm_log, kTraceBufferSize, "[%s] %s: ", severityName(severity), label);
   } else {
@@ -78,7 +83,7 @@ inline size_t startFormattedLine(int severity, const char* label) {
 }
 
 // Appends text to sm_log, cut so that the line never exceeds kTraceLineMax.
-inline void appendFormattedText(size_t used, const char* text) {
+LS_TRACE_COLD inline void appendFormattedText(size_t used, const char* text) {
   size_t room = kTraceLineMax - used;
   size_t length = std::strlen(text);
   if (length > room) length = room;
@@ -138,7 +143,7 @@ inline void appendFormattedText(size_t used, const char* text) {
 // it with their own class, since the dynamic type is not final yet.
 #define LS_TRACE_ENTRY_AS(typeInfo, methodName)                                  \
   LS_TRACE_LABEL(typeInfo, methodName);                                          \
-  if (VelLoginDebug::m_coverage && activate_tellu_debug_output >= 7) {           \
+  if (__builtin_expect(VelLoginDebug::m_coverage && activate_tellu_debug_output >= 7, 0)) { \
     ::VelLogin::trace::startStreamLine(::VelLogin::trace::kEntrySeverityName,    \
                                        "COVERAGE", ls_traceLabel);               \
     log_msg << "begin";                                                          \
@@ -154,7 +159,7 @@ inline void appendFormattedText(size_t used, const char* text) {
 // Formatted message at severity 1, 2 or 3 on topic "STORAGE".
 #define LS_TRACE_MSG(severity, ...)                                              \
   do {                                                                           \
-    if (activate_tellu_debug_output > (severity)) {                              \
+    if (__builtin_expect(activate_tellu_debug_output > (severity), 0)) {         \
       size_t ls_used = ::VelLogin::trace::startFormattedLine(severity, ls_traceLabel); \
       ::VelLogin::trace::appendFormattedText(ls_used, tellu_printf(__VA_ARGS__)); \
       if (g_MsgTypeMaxThr >= 4) tderrorFunc("STORAGE", severity, 0, "%s", sm_log); \
@@ -165,7 +170,7 @@ inline void appendFormattedText(size_t used, const char* text) {
 // pieces: LS_TRACE_STREAM(3, "[MEMSTORAGE] del key '" << key << "'").
 #define LS_TRACE_STREAM(severity, pieces)                                        \
   do {                                                                           \
-    if (activate_tellu_debug_output > (severity)) {                              \
+    if (__builtin_expect(activate_tellu_debug_output > (severity), 0)) {         \
       ::VelLogin::trace::startStreamLine(severity, "STORAGE", ls_traceLabel);    \
       log_msg << pieces;                                                         \
       if (g_MsgTypeMaxThr >= 4) {                                                \
