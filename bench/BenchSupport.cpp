@@ -126,6 +126,12 @@ void writeRecordFile(const std::string& folder, const std::string& name,
   floorPlainOverwrite((folder + name).c_str(), content.data(), content.size());
 }
 
+std::string filledFolder(const std::vector<std::string>& keys, const std::string& content) {
+  const std::string folder = freshFolder();
+  for (const std::string& key : keys) writeRecordFile(folder, key, content);
+  return folder;
+}
+
 size_t floorRead(const char* path, char* buf, size_t capacity) {
   int fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
   if (fd < 0) fail("cannot open", path);

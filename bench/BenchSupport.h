@@ -40,6 +40,9 @@ std::string freshFolder();
 void writeRecordFile(const std::string& folder, const std::string& name,
                      const std::string& content);
 
+// A fresh folder holding one record file of content per key.
+std::string filledFolder(const std::vector<std::string>& keys, const std::string& content);
+
 // The system calls of a whole-file read into buf (at least the file's size):
 // open, fstat, read, close. Returns the bytes read.
 size_t floorRead(const char* path, char* buf, size_t capacity);

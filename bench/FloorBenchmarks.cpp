@@ -12,22 +12,12 @@
 #include "BenchSupport.h"
 #include "LoginStorage/storage/IStorable.h"
 #include "LoginStorage/storage/RefCountPtr.h"
+#include "Blob.h"
 
 namespace {
 
 using VelLogin::IStorable;
 using VelLogin::RefCountPtr;
-
-class Blob : public IStorable {
- public:
-  explicit Blob(std::string key) : m_key(std::move(key)) {}
-  std::string getKey() const override { return m_key; }
-  bool serialize(char*&, unsigned&) override { return false; }
-  std::string toString() const override { return m_key; }
-
- private:
-  std::string m_key;
-};
 
 using Map = std::unordered_map<std::string, RefCountPtr<IStorable>>;
 
@@ -153,8 +143,7 @@ void fsRemoveAllN(benchmark::State& state) {
   const std::vector<std::string> keys = bench::fileKeys(n);
   for (auto _ : state) {
     state.PauseTiming();
-    const std::string path = bench::freshFolder();
-    for (const std::string& key : keys) bench::writeRecordFile(path, key, bytes);
+    const std::string path = bench::filledFolder(keys, bytes);
     state.ResumeTiming();
     if (bench::floorRemoveAll(path) != n) state.SkipWithError("removal missed records");
   }

@@ -33,6 +33,7 @@
 #include "LoginStorage/fs/FileSystemStorage.h"
 #include "LoginStorage/object/ObjectStorage.h"
 #include "LoginStorage/redis/RedisStorage.h"
+#include "Blob.h"
 
 namespace {
 
@@ -177,24 +178,8 @@ struct Records {
   }
 };
 
-class Blob : public IStorable {
- public:
-  explicit Blob(std::string bytes) : m_bytes(std::move(bytes)) {}
-  std::string getKey() const override { return std::string(); }
-  bool serialize(char*& data, unsigned& len) override {
-    if (m_bytes.size() > len) return false;
-    data = &m_bytes[0];
-    len = static_cast<unsigned>(m_bytes.size());
-    return true;
-  }
-  std::string toString() const override { return m_bytes; }
-
- private:
-  std::string m_bytes;
-};
-
 RefCountPtr<IStorable> blobFromBytes(const char* data, unsigned len) {
-  return RefCountPtr<IStorable>(new Blob(std::string(data, len)));
+  return RefCountPtr<IStorable>(new Blob(std::string(), std::string(data, len)));
 }
 
 // Blocks of each contender in turn, the first of the turn moving on by one

@@ -17,6 +17,7 @@
 #include "LoginStorage/fs/FileSystemStorage.h"
 #include "LoginStorage/mem/MemStorage.h"
 #include "LoginStorage/object/ObjectStorage.h"
+#include "Blob.h"
 
 #if defined(LOGINSTORAGE_TRACE_COMPILED_OUT)
 #define VARIANT "notrace:"
@@ -27,24 +28,6 @@
 namespace {
 
 using namespace VelLogin;  // VelLoginNoTrace in the copy without tracing
-
-// A stored object: its key and an opaque byte image.
-class Blob : public IStorable {
- public:
-  Blob(std::string key, std::string bytes) : m_key(std::move(key)), m_bytes(std::move(bytes)) {}
-  std::string getKey() const override { return m_key; }
-  bool serialize(char*& data, unsigned& len) override {
-    if (m_bytes.size() > len) return false;
-    data = &m_bytes[0];
-    len = static_cast<unsigned>(m_bytes.size());
-    return true;
-  }
-  std::string toString() const override { return m_key; }
-
- private:
-  std::string m_key;
-  std::string m_bytes;
-};
 
 constexpr long kLifetime = 3600;
 constexpr size_t kFolderRecords = 256;
@@ -278,8 +261,7 @@ void fsDelAllN(benchmark::State& state) {
   const std::vector<std::string> keys = bench::fileKeys(n);
   for (auto _ : state) {
     state.PauseTiming();
-    const std::string path = bench::freshFolder();
-    for (const std::string& key : keys) bench::writeRecordFile(path, key, bytes);
+    const std::string path = bench::filledFolder(keys, bytes);
     std::unique_ptr<FileSystemStorage> store(folderStore(path));
     state.ResumeTiming();
     if (!store->delAll()) state.SkipWithError("delAll failed");

@@ -16,6 +16,7 @@
 #include "LoginStorage/cache/CacheStorage.h"
 #include "LoginStorage/mem/MemStorage.h"
 #include "SweepClock.h"
+#include "Blob.h"
 
 #if defined(LOGINSTORAGE_TRACE_COMPILED_OUT)
 #define VARIANT "notrace:"
@@ -26,17 +27,6 @@
 namespace {
 
 using namespace VelLogin;  // VelLoginNoTrace in the copy without tracing
-
-class Blob : public IStorable {
- public:
-  explicit Blob(std::string key) : m_key(std::move(key)) {}
-  std::string getKey() const override { return m_key; }
-  bool serialize(char*&, unsigned&) override { return false; }
-  std::string toString() const override { return m_key; }
-
- private:
-  std::string m_key;
-};
 
 constexpr long kLifetime = 10;
 constexpr long kStoredAt = 1000000000;
