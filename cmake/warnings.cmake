@@ -5,3 +5,9 @@ target_compile_options(loginstorage_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wcast-align
   -Wformat=2 -Wimplicit-fallthrough
   $<$<BOOL:${LOGINSTORAGE_WERROR}>:-Werror>)
+
+# Our own targets (library, tool, tests) see files of any size and folders with
+# any inode numbers on 32-bit builds too. No installed header uses off_t, ino_t
+# or struct stat, so consumers built either way link alike. time_t is left as
+# the platform has it.
+target_compile_definitions(loginstorage_warnings INTERFACE _FILE_OFFSET_BITS=64)

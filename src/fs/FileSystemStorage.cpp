@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/Durability.h"
 #include "platform/FileSystem.h"
 #include "storage/Exception.h"
 #include "trace/Trace.h"
@@ -18,6 +19,10 @@ namespace {
 bool isDotEntry(const char* name) {
   return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
+
+// The object whose delAll() is running on this thread: its del() calls leave
+// the folder's flush to the end of delAll().
+thread_local const VelLogin::FileSystemStorage* t_folderSyncDeferredFor = nullptr;
 
 std::string normalisedFolder(const std::string& folder) {
   if (folder.empty()) return "./";
@@ -57,41 +62,54 @@ bool FileSystemStorage::getRaw(const std::string& key, char*& data, unsigned& le
     LS_TRACE_MSG(1, "ERROR: wrong usage! len==0");
     return false;
   }
-  // Read straight into the buffer handed out: no intermediate copy.
-  char* const given = data;
-  try {
-    WholeFileReader file(m_folder + key);
-    const unsigned size = static_cast<unsigned>(file.size());
-    if (file.size() > capacity) {
-      len = size;
-      LS_TRACE_MSG(2, "WARNING: data was not written, because len <%d> is less then needed <%d>",
-                   capacity, size);
-      return false;
-    }
-    if (data == nullptr) {
-      data = new (std::nothrow) char[size];
-      if (data == nullptr) {
-        LS_TRACE_MSG(1, "new has failed to allocate %d chars", size);
-        return false;
-      }
-    }
-    len = static_cast<unsigned>(file.readInto(data));
-    return true;
-  } catch (const Exception&) {
-    if (data != given) delete[] data;
-    data = given;
-    len = 0;
+  // A missing key is an everyday answer: no exception on its way.
+  WholeFileReader file(m_folder + key);
+  // A record's length is an unsigned: a file of 4 GiB or more has none that
+  // could be told truthfully, so it cannot be read as one.
+  if (!file.ok() || file.size() > 0xFFFFFFFFull) {
     LS_TRACE_MSG(1, "Folder <%s> VelLogin::readFile failed to read file: %s", m_folder.c_str(),
                  key.c_str());
     return false;
   }
+  const unsigned size = static_cast<unsigned>(file.size());
+  if (size > capacity) {
+    len = size;
+    LS_TRACE_MSG(2, "WARNING: data was not written, because len <%d> is less then needed <%d>",
+                 capacity, size);
+    return false;
+  }
+  // Read straight into the buffer handed out: no intermediate copy.
+  char* const given = data;
+  if (data == nullptr) {
+    data = new (std::nothrow) char[size];
+    if (data == nullptr) {
+      LS_TRACE_MSG(1, "new has failed to allocate %d chars", size);
+      return false;
+    }
+  }
+  size_t got = 0;
+  if (!file.readInto(data, &got)) {
+    if (data != given) delete[] data;
+    data = given;
+    LS_TRACE_MSG(1, "Folder <%s> VelLogin::readFile failed to read file: %s", m_folder.c_str(),
+                 key.c_str());
+    return false;
+  }
+  len = static_cast<unsigned>(got);
+  return true;
 }
 
 bool FileSystemStorage::setRaw(const std::string& key, const char* data, unsigned len, unsigned) {
   LS_TRACE_ENTRY("setRaw");
   if (len == 0 || data == nullptr) return false;
+  // Iteration and delAll() take such names for writers' temporary files: a
+  // record under one would hide, and could be removed as debris.
+  if (isTemporaryFileName(key.c_str())) {
+    LS_TRACE_MSG(1, "ERROR: key <%s> has the form of a temporary file", key.c_str());
+    return false;
+  }
   try {
-    writeFile(m_folder + key, std::string(data, len));
+    writeFile(m_folder + key, data, len);
   } catch (const Exception&) {
     LS_TRACE_MSG(1, "VelLogin::writeFile failed to write data with len %d to file: %s", len,
                  key.c_str());
@@ -103,7 +121,8 @@ bool FileSystemStorage::setRaw(const std::string& key, const char* data, unsigne
 
 bool FileSystemStorage::del(const std::string& key) {
   LS_TRACE_ENTRY("del");
-  const bool ok = velFileRemove(m_folder + key) == 1;
+  bool ok = velFileRemove(m_folder + key) == 1;
+  if (ok && durableWrites() && t_folderSyncDeferredFor != this) ok = FsDirSync(m_folder);
   LS_TRACE_MSG(1, "folder <%s>: %s in deleting record with key <%s>", m_folder.c_str(),
                ok ? "SUCCESS" : "FAILURE", key.c_str());
   return ok;
@@ -129,13 +148,25 @@ bool FileSystemStorage::delAll() {
       names.emplace_back(name);
     }
   }
+  const int listingError = FsDirError(listing);
   FsDirClose(listing);
+  bool ok = listingError == 0;
+  if (!ok) {
+    LS_TRACE_MSG(1, "folder <%s>: FsDirRead failed: %s", m_folder.c_str(),
+                 std::strerror(listingError));
+  }
 
-  bool ok = true;
-  for (const std::string& name : names) {
-    ok = del(name) && ok;
+  {
+    // One flush of the folder at the end instead of one per record.
+    const FileSystemStorage* const outer = t_folderSyncDeferredFor;
+    t_folderSyncDeferredFor = this;
+    for (const std::string& name : names) {
+      ok = del(name) && ok;
+    }
+    t_folderSyncDeferredFor = outer;
   }
   for (const std::string& name : abandoned) velFileRemove(m_folder + name);
+  if (durableWrites() && !FsDirSync(m_folder)) ok = false;
   LS_TRACE_MSG(1, "folder <%s>: %s in deleting all content", m_folder.c_str(),
                ok ? "SUCCESS" : "FAILURE");
   return ok;
@@ -155,21 +186,27 @@ bool FileSystemStorage::startGetAll() {
 bool FileSystemStorage::getNextInternal(std::string& key, char*& data, unsigned& len,
                                         bool& endReached) {
   LS_TRACE_ENTRY("getNextInternal");
-  // Temporary files are records on their way to their names (or debris of a
-  // killed writer): passed over here, so that they never count as records.
+  // Temporary files are records on their way to their names, or debris of a
+  // killed writer: never records. The debris goes here, so that it never
+  // outlives the next iteration.
   const char* name;
-  do {
-    name = FsDirRead(m_dirHandle);
-  } while (name != nullptr && isTemporaryFileName(name));
+  while ((name = FsDirRead(m_dirHandle)) != nullptr && isTemporaryFileName(name)) {
+    if (isAbandonedTemporaryFileName(name)) velFileRemove(m_folder + name);
+  }
   endReached = false;
   if (name == nullptr) {
+    // A listing that fails cannot go on: it ends here, but not silently.
+    const int error = FsDirError(m_dirHandle);
+    if (error != 0) {
+      LS_TRACE_MSG(1, "folder <%s>: FsDirRead failed: %s", m_folder.c_str(),
+                   std::strerror(error));
+    }
     endReached = true;
     len = 0;
     return true;
   }
   // Reading on through getNextRaw keeps the skip rules of the iteration in
-  // one place; the nesting is at most two deep, "." and "..". (Temporary
-  // files, as many as killed writers left, are passed over above instead.)
+  // one place; the nesting is at most two deep, "." and "..".
   if (isDotEntry(name)) return getNextRaw(key, data, len);
   key = name;
   return getRaw(std::string(name), data, len);

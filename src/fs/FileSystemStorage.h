@@ -16,12 +16,14 @@
 // A record is replaced atomically: readers in other processes see the old or
 // the new bytes, never a mixture. The new bytes reach the record's name
 // through a short-lived hidden file ".lstmp-<pid>-<n>"; such names are the
-// store's own and never count as records, so a folder's own records must
-// not be named so. A writer killed at the wrong instant leaves its file
-// behind; delAll() removes those of processes that no longer exist. Whether a write also survives a
-// power cut is setDurableWrites() (platform/Durability.h). The store keeps no expiry and no count,
-// and takes no lock: several objects and processes may share a folder, and nothing coordinates
-// them.
+// store's own: never records, and refused as keys. A writer killed before its
+// rename leaves its file behind; the next iteration or delAll() removes those
+// of processes that no longer exist. A replaced record keeps its file's
+// permission bits and, where the process may, its owner and group. Whether a
+// write, a removal and a new folder also survive a power cut is
+// setDurableWrites() (platform/Durability.h). The store keeps no expiry and no
+// count, and takes no lock: several objects and processes may share a folder,
+// and nothing coordinates them.
 //
 // One thread at a time per object.
 #ifndef LOGINSTORAGE_FS_FILESYSTEMSTORAGE_H
@@ -56,13 +58,15 @@ class LOGINSTORAGE_EXPORT FileSystemStorage : public AbstractStorage {
 
   // Reads the record's file under the record buffer convention
   // (AbstractStorage.h). False with len 0 when the file is missing, is not a
-  // regular file or cannot be read; false with len set to the file's size
-  // when that exceeds the capacity.
+  // regular file, cannot be read or holds 4 GiB or more; false with len set
+  // to the file's size when that exceeds the capacity.
   bool getRaw(const std::string& key, char*& data, unsigned& len) const override;
 
   // Writes len bytes from data as the record's file, replacing any old one.
-  // False, with no file touched, when len is 0 or data is null; false when
-  // the file cannot be written. expiration is ignored: records never expire.
+  // False, with no file touched, when len is 0 or data is null or key has the
+  // temporary files' form; false, with the old record kept, when the file
+  // cannot be written (full disk, file-size limit). expiration is ignored:
+  // records never expire.
   bool setRaw(const std::string& key, const char* data, unsigned len, unsigned expiration) override;
 
   // Removes the record's file; true when it was removed. Never removes a
@@ -70,8 +74,9 @@ class LOGINSTORAGE_EXPORT FileSystemStorage : public AbstractStorage {
   bool del(const std::string& key) override;
 
   // Removes every record listed in the folder, trying each even after a
-  // failure; true when all were removed (also when there were none). Also
-  // removes the temporary files of writers that were killed.
+  // failure; true when all were removed (also when there were none), false
+  // also when the listing failed part-way. Also removes the temporary files of
+  // writers that were killed.
   bool delAll() override;
 
   // Opens the iteration: a live listing of the folder, so records added or
@@ -93,6 +98,7 @@ class LOGINSTORAGE_EXPORT FileSystemStorage : public AbstractStorage {
 
   // The next entry of the listing, read with getRaw() under its name (key is
   // set even when the read fails); at the end, true with endReached and len 0.
+  // A listing that fails ends the same way, with a trace message.
   bool getNextInternal(std::string& key, char*& data, unsigned& len, bool& endReached) override;
 
  private:

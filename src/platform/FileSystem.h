@@ -36,9 +36,21 @@ int velFileRemove(const std::string& path);
 FsDirHandle FsDirOpen(const std::string& path);
 
 // The name of the next entry of the listing ("." and ".." included), or null
-// when it is exhausted or handle is null. The text stays valid until the next
-// FsDirRead or FsDirClose on the handle.
+// when it is exhausted, when reading it failed (see FsDirError) or handle is
+// null. The text stays valid until the next FsDirRead or FsDirClose on the
+// handle.
 const char* FsDirRead(FsDirHandle handle);
+
+// Why the listing ended early: the errno of the read that failed, told once,
+// so that a caller asking at every null reports the failure once; 0 while
+// the listing goes on, once it is exhausted, after the error was told, or for
+// a null handle. A failed listing stays failed: FsDirRead keeps answering
+// null.
+int FsDirError(FsDirHandle handle);
+
+// Flushes the folder's entries to the device, so that a file created, renamed
+// or removed in it survives a power cut. False when that fails.
+bool FsDirSync(const std::string& path);
 
 // Closes the listing; a null handle is ignored.
 void FsDirClose(FsDirHandle handle);
@@ -47,52 +59,68 @@ namespace VelLogin {
 
 // The whole content of the regular file at path (binary-safe): one open,
 // fstat, read and close, and one allocation of the file's size. Throws
-// Exception when the file cannot be read or is not a regular file (a folder,
-// a FIFO, a socket, a device); never blocks on a FIFO.
+// Exception when the file cannot be read, is not a regular file (a folder,
+// a FIFO, a socket, a device) or does not fit in memory; never blocks on a
+// FIFO.
 std::string readFile(const std::string& path);
 
-// The same read in two steps, for a caller that picks the buffer once it
-// knows the file's size and so saves readFile's intermediate copy:
+// The same read in two steps and without exceptions, for a caller that picks
+// the buffer once it knows the file's size, and for which a missing file is
+// an everyday answer rather than a failure:
 //
-//   WholeFileReader file(path);             // opens and stats, or throws
+//   WholeFileReader file(path);             // opens and stats
+//   if (!file.ok()) ...                     // file.failure() says why
 //   char* bytes = new char[file.size()];
-//   size_t got = file.readInto(bytes);      // at most size() bytes, or throws
+//   size_t got;
+//   if (!file.readInto(bytes, &got)) ...    // at most size() bytes
 //
-// Refuses what readFile refuses, with the same Exception. readInto() returns
-// fewer than size() bytes when the file shrank after it was opened. The file
-// is closed by the destructor.
+// Refuses what readFile refuses. readInto() gives fewer than size() bytes
+// when the file shrank after it was opened. size() is the file's full size,
+// also where it exceeds what size_t can count. The file is closed by the
+// destructor.
 class WholeFileReader {
  public:
-  explicit WholeFileReader(const std::string& path);
+  explicit WholeFileReader(const std::string& path) noexcept;
   ~WholeFileReader();
   WholeFileReader(const WholeFileReader&) = delete;
   WholeFileReader& operator=(const WholeFileReader&) = delete;
 
-  size_t size() const { return m_size; }
-  size_t readInto(char* buffer);
+  bool ok() const { return m_failure == nullptr; }
+  // What went wrong, for a message: a short text and the errno behind it
+  // (0 when none); null text while ok().
+  const char* failure() const { return m_failure; }
+  int error() const { return m_error; }
+  unsigned long long size() const { return m_size; }
+  // REQUIRES: ok(), and buffer holds size() bytes.
+  bool readInto(char* buffer, size_t* got) noexcept;
 
  private:
-  std::string m_path;
   int m_fd;
-  size_t m_size;
+  unsigned long long m_size;
+  const char* m_failure;
+  int m_error;
 };
 
-// Creates or replaces the file at path so that it holds exactly content,
-// atomically: another process reading path sees the old or the new content,
-// never a part, and a process killed during the call leaves the old or the
-// new file. The content is written to an unnamed file in the same folder,
-// which gets a short-lived hidden name (".lstmp-...") and is then renamed
-// over path; where the file system cannot make unnamed files, a named
-// temporary file is created exclusively instead. No temporary file outlives a
-// call that returns; a process killed between the naming and the rename can
-// leave one behind. With durableWrites() on, the data and the folder entry
-// are flushed to the device before the call returns. Throws Exception on
-// failure, leaving the old file (if any) untouched.
+// Creates or replaces the file at path so that it holds exactly the size
+// bytes at data, atomically: another process reading path sees the old or the
+// new content, never a part, and a process killed during the call leaves the
+// old or the new file. The bytes are written, straight from data, to a new
+// file in the same folder under a hidden temporary name (".lstmp-<pid>-<n>",
+// created exclusively), which is then renamed over path. The new file is
+// owner-only; one that replaces a regular file takes over its permission bits
+// and, where the process may change them, its owner and group. A write beyond
+// the process's file-size limit (RLIMIT_FSIZE) fails without the limit's
+// signal. No temporary file outlives a call that returns; a process killed
+// before the rename leaves its file behind (isAbandonedTemporaryFileName).
+// With durableWrites() on, the data and the folder entry are flushed to the
+// device before the call returns. Throws Exception on failure, leaving the
+// old file (if any) untouched.
+void writeFile(const std::string& path, const char* data, size_t size);
 void writeFile(const std::string& path, const std::string& content);
 
 // True when name, an entry of a folder, is one of writeFile's temporary
-// files (".lstmp-<pid>-<n>"): a record's new content on its way to its own
-// name, or what a writer killed on that way left behind. Never a record.
+// files (".lstmp-<digits>-<digits>"): a record's new content on its way to its
+// own name, or what a writer killed on that way left behind. Never a record.
 bool isTemporaryFileName(const char* name);
 
 // True when name is a temporary file whose writing process no longer exists,
@@ -100,9 +128,10 @@ bool isTemporaryFileName(const char* name);
 bool isAbandonedTemporaryFileName(const char* name);
 
 namespace filesystem_testing {
-// Makes writeFile act as on a file system without unnamed temporary files, so
-// that tests can exercise the named-file path. Off by default.
-void forceNamedTemporaryFiles(bool on);
+// Makes every folder listing fail with error (an errno value) once it has
+// given entries names; error 0 lets listings run as the system gives them.
+// No real file system fails a listing on demand.
+void failListingsAfter(unsigned entries, int error);
 }  // namespace filesystem_testing
 
 }  // namespace VelLogin

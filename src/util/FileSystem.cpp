@@ -2,18 +2,53 @@
 
 #include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <atomic>
+#include <new>
+
+#include "platform/Durability.h"
+
+// Without large-file support a 32-bit build cannot stat a file of 2 GiB or
+// more, nor list a folder with an inode number above 2^32 (XFS inode64,
+// overlayfs xino, NFS): every record there would vanish.
+static_assert(sizeof(off_t) == 8 && sizeof(ino_t) == 8,
+              "the file helpers need 64-bit file offsets and inode numbers");
 
 namespace {
 
 constexpr mode_t kFolderMode = 0700;
 
+struct Listing {
+  DIR* dir;
+  bool failed;
+  int error;      // errno of the read that failed, until FsDirError tells it
+  unsigned read;  // entries given so far
+};
+
+std::atomic<int> g_listingFault{0};
+std::atomic<unsigned> g_listingFaultAfter{0};
+
 bool hasNul(const std::string& path) { return path.find('\0') != std::string::npos; }
 
-// mkdir that counts an existing folder as success.
+// The folder that holds path's last component, for flushing its entry.
+std::string parentOf(const std::string& path) {
+  size_t end = path.find_last_not_of('/');
+  if (end == std::string::npos) return "/";
+  size_t slash = path.rfind('/', end);
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? std::string("/") : path.substr(0, slash);
+}
+
+// mkdir that counts an existing folder as success. A folder made here is
+// flushed into its parent with durable writes on, or a power cut could take
+// the store's folder, and every record in it, away again.
 bool makeOneFolder(const std::string& path) {
-  if (::mkdir(path.c_str(), kFolderMode) == 0) return true;
+  if (::mkdir(path.c_str(), kFolderMode) == 0) {
+    return !VelLogin::durableWrites() || FsDirSync(parentOf(path));
+  }
   return errno == EEXIST && velIsDir(path) != 0;
 }
 
@@ -53,15 +88,65 @@ int velFileRemove(const std::string& path) {
 
 FsDirHandle FsDirOpen(const std::string& path) {
   if (hasNul(path)) return nullptr;
-  return ::opendir(path.c_str());
+  DIR* dir = ::opendir(path.c_str());
+  if (dir == nullptr) return nullptr;
+  Listing* listing = new (std::nothrow) Listing{dir, false, 0, 0};
+  if (listing == nullptr) ::closedir(dir);
+  return listing;
 }
 
 const char* FsDirRead(FsDirHandle handle) {
   if (handle == nullptr) return nullptr;
-  const dirent* entry = ::readdir(static_cast<DIR*>(handle));
-  return entry != nullptr ? entry->d_name : nullptr;
+  Listing& listing = *static_cast<Listing*>(handle);
+  if (listing.failed) return nullptr;
+  const int fault = g_listingFault.load(std::memory_order_relaxed);
+  if (fault != 0 && listing.read >= g_listingFaultAfter.load(std::memory_order_relaxed)) {
+    listing.failed = true;
+    listing.error = fault;
+    return nullptr;
+  }
+  // readdir() answers null both at the end and on failure; only errno, left
+  // alone at the end, tells them apart.
+  errno = 0;
+  const dirent* entry = ::readdir(listing.dir);
+  if (entry == nullptr) {
+    listing.failed = errno != 0;
+    listing.error = errno;
+    return nullptr;
+  }
+  ++listing.read;
+  return entry->d_name;
+}
+
+int FsDirError(FsDirHandle handle) {
+  if (handle == nullptr) return 0;
+  Listing& listing = *static_cast<Listing*>(handle);
+  const int error = listing.error;
+  listing.error = 0;
+  return error;
+}
+
+bool FsDirSync(const std::string& path) {
+  if (hasNul(path)) return false;
+  int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool synced = ::fsync(fd) == 0;
+  ::close(fd);
+  return synced;
 }
 
 void FsDirClose(FsDirHandle handle) {
-  if (handle != nullptr) ::closedir(static_cast<DIR*>(handle));
+  if (handle == nullptr) return;
+  Listing* listing = static_cast<Listing*>(handle);
+  ::closedir(listing->dir);
+  delete listing;
 }
+
+namespace VelLogin {
+namespace filesystem_testing {
+void failListingsAfter(unsigned entries, int error) {
+  g_listingFaultAfter.store(entries);
+  g_listingFault.store(error);
+}
+}  // namespace filesystem_testing
+}  // namespace VelLogin

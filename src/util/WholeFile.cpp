@@ -1,15 +1,15 @@
 // Whole-file read and atomic whole-file replace, and the durability switch.
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
 #include <cstring>
-#include <new>
-#include <stdexcept>
 #include <string>
 
 #include "platform/Durability.h"
@@ -19,9 +19,9 @@
 namespace {
 
 constexpr mode_t kFileMode = 0600;
+constexpr mode_t kPermissionBits = 0777;
 
 std::atomic<bool> g_durableWrites{false};
-std::atomic<bool> g_forceNamedTemporaryFiles{false};
 std::atomic<unsigned> g_temporaryCounter{0};
 
 [[noreturn]] void fail(const char* what, int error, const std::string& path) {
@@ -34,13 +34,6 @@ void refuseNul(const std::string& path) {
   }
 }
 
-// Closes fd, keeping errno of an earlier failure for the caller.
-void closeQuietly(int fd) {
-  int saved = errno;
-  ::close(fd);
-  errno = saved;
-}
-
 // The folder part of path, with its trailing "/"; "./" when there is none.
 std::string folderOf(const std::string& path) {
   size_t slash = path.rfind('/');
@@ -51,42 +44,70 @@ constexpr char kTemporaryPrefix[] = ".lstmp-";
 
 // A hidden name for a temporary file, unique within this process and, by the
 // process id, among live processes.
-std::string temporaryName() {
+void appendTemporaryName(std::string& folder) {
   char name[64];
   std::snprintf(name, sizeof name, "%s%ld-%u", kTemporaryPrefix, static_cast<long>(::getpid()),
                 g_temporaryCounter.fetch_add(1, std::memory_order_relaxed));
-  return name;
+  folder += name;
 }
 
 // Reads the decimal number at text (1 to 10 digits) into value; the first
 // character after it, or null when there is no such number.
-const char* digits(const char* text, unsigned long* value) {
+const char* digits(const char* text, unsigned long long* value) {
   const char* p = text;
   *value = 0;
   for (; *p >= '0' && *p <= '9'; ++p) {
     if (p - text == 10) return nullptr;
-    *value = *value * 10 + static_cast<unsigned long>(*p - '0');
+    *value = *value * 10 + static_cast<unsigned long long>(*p - '0');
   }
   return p == text ? nullptr : p;
 }
 
 // True when name is exactly a temporary name; pid is then its writer's.
-bool parseTemporaryName(const char* name, unsigned long* pid) {
+bool parseTemporaryName(const char* name, unsigned long long* pid) {
   if (std::strncmp(name, kTemporaryPrefix, sizeof kTemporaryPrefix - 1) != 0) return false;
-  unsigned long counter = 0;
+  unsigned long long counter = 0;
   const char* p = digits(name + sizeof kTemporaryPrefix - 1, pid);
   if (p == nullptr || *p != '-') return false;
   p = digits(p + 1, &counter);
   return p != nullptr && *p == '\0';
 }
 
-bool writeAll(int fd, const std::string& content) {
-  const char* next = content.data();
-  size_t left = content.size();
+// Keeps SIGXFSZ from this thread while it writes: past RLIMIT_FSIZE, write()
+// then fails with EFBIG instead of the signal ending the process. The signal
+// the kernel still raises is taken off the thread before the mask is undone.
+class FileSizeSignalHold {
+ public:
+  FileSizeSignalHold() {
+    sigemptyset(&m_signal);
+    sigaddset(&m_signal, SIGXFSZ);
+    pthread_sigmask(SIG_BLOCK, &m_signal, &m_previous);
+  }
+  ~FileSizeSignalHold() { pthread_sigmask(SIG_SETMASK, &m_previous, nullptr); }
+  FileSizeSignalHold(const FileSizeSignalHold&) = delete;
+  FileSizeSignalHold& operator=(const FileSizeSignalHold&) = delete;
+
+  void discardRaised() {
+    const timespec now = {0, 0};
+    while (sigtimedwait(&m_signal, nullptr, &now) == SIGXFSZ) {
+    }
+  }
+
+ private:
+  sigset_t m_signal;
+  sigset_t m_previous;
+};
+
+bool writeAll(int fd, const char* next, size_t left) {
+  FileSizeSignalHold hold;
   while (left > 0) {
     ssize_t written = ::write(fd, next, left);
     if (written < 0) {
       if (errno == EINTR) continue;
+      if (errno == EFBIG) {
+        hold.discardRaised();
+        errno = EFBIG;
+      }
       return false;
     }
     next += written;
@@ -95,57 +116,15 @@ bool writeAll(int fd, const std::string& content) {
   return true;
 }
 
-// Flushes the folder's entries, so that a rename into it survives a power cut.
-void syncFolder(const std::string& folder) {
-  int fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) fail("cannot open folder to flush it", errno, folder);
-  if (::fsync(fd) != 0) {
-    closeQuietly(fd);
-    fail("cannot flush folder", errno, folder);
+// A replaced record keeps who may read it: its permission bits, and its owner
+// and group where this process may give them (as root, or a group of ours).
+bool takeOverAccess(int fd, const struct stat& old) {
+  if (old.st_uid != ::geteuid() || old.st_gid != ::getegid()) {
+    if (::fchown(fd, old.st_uid, old.st_gid) != 0) {
+      (void)::fchown(fd, static_cast<uid_t>(-1), old.st_gid);
+    }
   }
-  ::close(fd);
-}
-
-// Moves the named temporary file over path, or removes it and throws.
-void renameIntoPlace(const std::string& temporary, const std::string& path, bool durable,
-                     const std::string& folder) {
-  if (::rename(temporary.c_str(), path.c_str()) != 0) {
-    int error = errno;
-    ::unlink(temporary.c_str());
-    fail("cannot replace file", error, path);
-  }
-  if (durable) syncFolder(folder);
-}
-
-// The fallback where unnamed files are unavailable: an exclusively created
-// hidden file in the same folder, removed on every failure.
-void writeThroughNamedFile(const std::string& path, const std::string& content, bool durable) {
-  const std::string folder = folderOf(path);
-  std::string temporary;
-  int fd;
-  do {
-    temporary = folder + temporaryName();
-    fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode);
-  } while (fd < 0 && (errno == EEXIST || errno == EINTR));
-  if (fd < 0) fail("cannot create temporary file", errno, path);
-
-  bool written = writeAll(fd, content) && (!durable || ::fsync(fd) == 0);
-  int error = errno;
-  if (::close(fd) != 0 && errno != EINTR && written) {
-    written = false;
-    error = errno;
-  }
-  if (!written) {
-    ::unlink(temporary.c_str());
-    fail("cannot write temporary file", error, path);
-  }
-  renameIntoPlace(temporary, path, durable, folder);
-}
-
-// True when open(O_TMPFILE) failed because the file system or kernel cannot
-// make unnamed files, rather than for a reason a named file would share.
-bool unnamedFilesUnsupported(int error) {
-  return error == EOPNOTSUPP || error == EISDIR || error == EINVAL;
+  return ::fchmod(fd, old.st_mode & kPermissionBits) == 0;
 }
 
 }  // namespace
@@ -157,116 +136,128 @@ void setDurableWrites(bool on) { g_durableWrites.store(on, std::memory_order_rel
 bool durableWrites() { return g_durableWrites.load(std::memory_order_relaxed); }
 
 bool isTemporaryFileName(const char* name) {
-  unsigned long pid = 0;
+  unsigned long long pid = 0;
   return parseTemporaryName(name, &pid);
 }
 
 bool isAbandonedTemporaryFileName(const char* name) {
-  unsigned long pid = 0;
+  unsigned long long pid = 0;
   if (!parseTemporaryName(name, &pid)) return false;
   // No process has id 0 or one beyond pid_t: no writer will come back.
-  if (pid == 0 || pid > 0x7FFFFFFFul) return true;
+  if (pid == 0 || pid > 0x7FFFFFFFull) return true;
   return ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH;
 }
 
-namespace filesystem_testing {
-void forceNamedTemporaryFiles(bool on) { g_forceNamedTemporaryFiles.store(on); }
-}  // namespace filesystem_testing
-
-WholeFileReader::WholeFileReader(const std::string& path) : m_path(path), m_fd(-1), m_size(0) {
-  refuseNul(path);
+WholeFileReader::WholeFileReader(const std::string& path) noexcept
+    : m_fd(-1), m_size(0), m_failure(nullptr), m_error(0) {
+  if (path.find('\0') != std::string::npos) {
+    m_failure = "path contains a NUL byte";
+    return;
+  }
   // O_NONBLOCK: opening a FIFO for reading would otherwise wait for a writer.
   do {
     m_fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
   } while (m_fd < 0 && errno == EINTR);
-  if (m_fd < 0) fail("cannot open file", errno, path);
-
+  if (m_fd < 0) {
+    m_failure = "cannot open file";
+    m_error = errno;
+    return;
+  }
   struct stat info;
   if (::fstat(m_fd, &info) != 0) {
-    closeQuietly(m_fd);
-    fail("cannot stat file", errno, path);
+    m_failure = "cannot stat file";
+    m_error = errno;
+  } else if (!S_ISREG(info.st_mode)) {
+    m_failure = "not a regular file";
+  } else {
+    m_size = static_cast<unsigned long long>(info.st_size);
   }
-  if (!S_ISREG(info.st_mode)) {
-    ::close(m_fd);
-    throw Exception("not a regular file", path);
-  }
-  if (static_cast<unsigned long long>(info.st_size) > std::string().max_size()) {
-    ::close(m_fd);
-    throw Exception("file too large to read", path);
-  }
-  m_size = static_cast<size_t>(info.st_size);
 }
 
-WholeFileReader::~WholeFileReader() { ::close(m_fd); }
+WholeFileReader::~WholeFileReader() {
+  if (m_fd >= 0) ::close(m_fd);
+}
 
-size_t WholeFileReader::readInto(char* buffer) {
-  size_t got = 0;
-  while (got < m_size) {
-    ssize_t n = ::read(m_fd, buffer + got, m_size - got);
+bool WholeFileReader::readInto(char* buffer, size_t* got) noexcept {
+  // A size that does not fit in size_t cannot have been allocated: the
+  // caller's REQUIRES already excludes it.
+  const size_t size = static_cast<size_t>(m_size);
+  size_t done = 0;
+  while (done < size) {
+    ssize_t n = ::read(m_fd, buffer + done, size - done);
     if (n < 0) {
       if (errno == EINTR) continue;
-      fail("cannot read file", errno, m_path);
+      m_failure = "cannot read file";
+      m_error = errno;
+      *got = 0;
+      return false;
     }
     if (n == 0) break;  // shrunk since fstat: what was there is the content
-    got += static_cast<size_t>(n);
+    done += static_cast<size_t>(n);
   }
-  return got;
+  *got = done;
+  return true;
 }
 
 std::string readFile(const std::string& path) {
   WholeFileReader file(path);
-  std::string content;
-  try {
-    content.resize(file.size());
-  } catch (const std::exception&) {  // bad_alloc, or length_error on 32 bits
+  if (file.ok() && file.size() > std::string().max_size()) {
     throw Exception("file too large to read", path);
   }
-  content.resize(file.readInto(&content[0]));
-  return content;
+  std::string content;
+  if (file.ok()) {
+    try {
+      content.resize(static_cast<size_t>(file.size()));
+    } catch (const std::exception&) {  // bad_alloc, or length_error on 32 bits
+      throw Exception("file too large to read", path);
+    }
+    size_t got = 0;
+    if (file.readInto(&content[0], &got)) {
+      content.resize(got);
+      return content;
+    }
+  }
+  if (file.error() != 0) fail(file.failure(), file.error(), path);
+  throw Exception(file.failure(), path);
 }
 
 void writeFile(const std::string& path, const std::string& content) {
+  writeFile(path, content.data(), content.size());
+}
+
+void writeFile(const std::string& path, const char* data, size_t size) {
   refuseNul(path);
   const bool durable = durableWrites();
-  if (g_forceNamedTemporaryFiles.load()) {
-    writeThroughNamedFile(path, content, durable);
-    return;
-  }
-
-  // An unnamed file cannot be seen by any listing while it is written, and
-  // vanishes by itself if the process dies before it is named.
   const std::string folder = folderOf(path);
-  int fd = ::open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, kFileMode);
-  if (fd < 0) {
-    if (unnamedFilesUnsupported(errno)) {
-      writeThroughNamedFile(path, content, durable);
-      return;
-    }
-    fail("cannot create file in folder", errno, path);
-  }
-  if (!writeAll(fd, content) || (durable && ::fsync(fd) != 0)) {
-    closeQuietly(fd);
-    fail("cannot write file", errno, path);
-  }
+  struct stat old;
+  const bool replacing = ::lstat(path.c_str(), &old) == 0 && S_ISREG(old.st_mode);
 
-  // A file can be given a name but cannot replace another one directly: name
-  // it, then rename the name over path. The name lives for these two calls.
-  char fdPath[32];
-  std::snprintf(fdPath, sizeof fdPath, "/proc/self/fd/%d", fd);
   std::string temporary;
-  int linked;
+  int fd;
   do {
-    temporary = folder + temporaryName();
-    linked = ::linkat(AT_FDCWD, fdPath, AT_FDCWD, temporary.c_str(), AT_SYMLINK_FOLLOW);
-  } while (linked != 0 && errno == EEXIST);
-  if (linked != 0) {
-    // No /proc to name the file through: write it again under a name.
-    closeQuietly(fd);
-    writeThroughNamedFile(path, content, durable);
-    return;
+    temporary = folder;
+    appendTemporaryName(temporary);
+    fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode);
+  } while (fd < 0 && (errno == EEXIST || errno == EINTR));
+  if (fd < 0) fail("cannot create temporary file", errno, path);
+
+  bool written = (!replacing || takeOverAccess(fd, old)) && writeAll(fd, data, size) &&
+                 (!durable || ::fsync(fd) == 0);
+  int error = errno;
+  if (::close(fd) != 0 && errno != EINTR && written) {
+    written = false;
+    error = errno;
   }
-  ::close(fd);
-  renameIntoPlace(temporary, path, durable, folder);
+  if (!written) {
+    ::unlink(temporary.c_str());
+    fail("cannot write temporary file", error, path);
+  }
+  if (::rename(temporary.c_str(), path.c_str()) != 0) {
+    error = errno;
+    ::unlink(temporary.c_str());
+    fail("cannot replace file", error, path);
+  }
+  if (durable && !FsDirSync(folder)) fail("cannot flush folder", errno, folder);
 }
 
 }  // namespace VelLogin

@@ -1,6 +1,7 @@
 // The folder store on real temporary folders: files on disk, results,
 // out-parameters and trace lines.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 
 #include "LoginStorage/LoginStorage.h"
 #include "LoginStorage/fs/FileSystemStorage.h"
+#include "LoginStorage/platform/Durability.h"
 #include "support/FakeClock.h"
 #include "support/TempFolder.h"
 #include "support/TraceCapture.h"
@@ -168,6 +170,7 @@ TEST_F(FileSystemStorageTest, OddKeysNeverReplaceOrRemoveTheFolderOrOtherFiles) 
 }
 
 TEST_F(FileSystemStorageTest, DelAllTriesEveryRecordAndReportsTheOutcome) {
+  VelLogin::setDurableWrites(true);  // the folder's flush must not change the outcome
   EXPECT_TRUE(store.delAll()) << "nothing to delete";
   for (const char* key : {"a", ".hidden", "..."}) ASSERT_TRUE(write(key, "x"));
   makeFolder("sub");
@@ -184,6 +187,7 @@ TEST_F(FileSystemStorageTest, DelAllTriesEveryRecordAndReportsTheOutcome) {
                        line("[ERROR] FileSystemStorage::del: folder ",
                             "FAILURE in deleting record with key <sub>")),
             1);
+  VelLogin::setDurableWrites(false);
 }
 
 TEST_F(FileSystemStorageTest, IterationDeliversHiddenRecordsSkipsTheRestAndEndsForGood) {
@@ -216,9 +220,10 @@ TEST_F(FileSystemStorageTest, IterationDeliversHiddenRecordsSkipsTheRestAndEndsF
 }
 
 // A record reaches its name through a hidden temporary file; a writer killed
-// in between leaves that file behind. Neither kind is ever a record, and
-// delAll() takes only those whose writer is gone.
-TEST_F(FileSystemStorageTest, TemporaryFilesAreNoRecordsAndKilledWritersFilesGoWithDelAll) {
+// in between leaves that file behind. Neither kind is ever a record, no key
+// may take that shape, and the next iteration or delAll() removes the files
+// whose writer is gone.
+TEST_F(FileSystemStorageTest, TemporaryFilesAreNoRecordsAndKilledWritersFilesGo) {
   const pid_t gone = ::fork();
   ASSERT_GE(gone, 0);
   if (gone == 0) ::_exit(0);
@@ -230,6 +235,12 @@ TEST_F(FileSystemStorageTest, TemporaryFilesAreNoRecordsAndKilledWritersFilesGoW
   testsupport::writeFileBytes(tmp / ".lstmp-0-1", "no writer has id 0");
   for (const char* key : {"a", ".lstmp-", ".lstmp-x-1", ".lstmp-1-2-3"})
     ASSERT_TRUE(write(key, key));
+  {
+    TraceCapture trace(4);
+    EXPECT_FALSE(write(".lstmp-1-2", "hidden"));
+    EXPECT_EQ(trace.messages(), Lines{"[ERROR] FileSystemStorage::setRaw: ERROR: key "
+                                      "<.lstmp-1-2> has the form of a temporary file"});
+  }
 
   ASSERT_TRUE(store.startGetAll());
   EXPECT_EQ(drain(), (Records{{"a", "a"},
@@ -237,9 +248,59 @@ TEST_F(FileSystemStorageTest, TemporaryFilesAreNoRecordsAndKilledWritersFilesGoW
                               {".lstmp-x-1", ".lstmp-x-1"},
                               {".lstmp-1-2-3", ".lstmp-1-2-3"}}));
   store.endGetAll();
-  EXPECT_EQ(read(left), "debris") << "still reachable by its name";
+  EXPECT_EQ(listFolder(tmp.path()),
+            (Lines{".lstmp-", ".lstmp-1-2-3", inFlight, ".lstmp-x-1", "a"}));
+  testsupport::writeFileBytes(tmp / left, "debris again");
   EXPECT_TRUE(store.delAll());
   EXPECT_EQ(listFolder(tmp.path()), Lines{inFlight});
+}
+
+// A record's length is an unsigned: a file of 4 GiB or more has none, and is
+// unreadable rather than cut to a wrong length; below that, 32-bit builds
+// too see the true size. Sparse files cost no disk.
+TEST_F(FileSystemStorageTest, FilesOfGibibytesGiveTheirTrueSizeOrNone) {
+  const struct {
+    const char* key;
+    unsigned long long size;
+    unsigned len;  // after getRaw with capacity 100
+  } cases[] = {{"2GiB+1", (1ull << 31) + 1, 2147483649u},
+               {"4GiB-1", (1ull << 32) - 1, 4294967295u},
+               {"4GiB", 1ull << 32, 0},
+               {"4GiB+10", (1ull << 32) + 10, 0}};
+  for (const auto& c : cases) {
+    ASSERT_TRUE(testsupport::makeSparseFile(tmp / c.key, c.size));
+    TraceCapture trace(4);
+    EXPECT_EQ(read(c.key, 100), "<false>") << c.key;
+    EXPECT_EQ(len, c.len) << c.key;
+    EXPECT_TRUE(store.isInStorage(c.key)) << c.key;
+    if (c.len == 0) {
+      EXPECT_EQ(trace.messages(), Lines{"[ERROR] FileSystemStorage::getRaw: Folder <" + folder() +
+                                        "> VelLogin::readFile failed to read file: " + c.key});
+    }
+  }
+  ASSERT_TRUE(store.del("2GiB+1") && store.del("4GiB-1"));  // readable, but not in memory
+  ASSERT_TRUE(write("a", "x"));
+  ASSERT_TRUE(store.startGetAll());
+  EXPECT_EQ(drain(), (Records{{"a", "x"}}));
+}
+
+TEST_F(FileSystemStorageTest, WriteBeyondTheFileSizeLimitFailsAndTheProcessLives) {
+  ASSERT_TRUE(write("k", "old"));
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    const rlimit limit = {4096, 4096};
+    ::_exit(::setrlimit(RLIMIT_FSIZE, &limit) == 0 && !write("k", std::string(8192, 'n')) &&
+                    read("k") == "old"
+                ? 0
+                : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(read("k"), "old");
+  EXPECT_EQ(listFolder(tmp.path()), Lines{"k"});
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "support/TempFolder.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <ftw.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -78,6 +79,13 @@ std::vector<std::string> listFolder(const std::string& path) {
   ::closedir(folder);
   std::sort(names.begin(), names.end());
   return names;
+}
+
+bool makeSparseFile(const std::string& path, unsigned long long size) {
+  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) return false;
+  const bool sized = ::ftruncate(fd, static_cast<off_t>(size)) == 0;
+  return ::close(fd) == 0 && sized;
 }
 
 }  // namespace testsupport

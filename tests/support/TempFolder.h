@@ -30,6 +30,8 @@ class TempFolder {
 std::string readFileBytes(const std::string& path);
 void writeFileBytes(const std::string& path, const std::string& bytes);
 bool pathExists(const std::string& path);
+// A file of size bytes that holds no disk blocks (a hole); false on failure.
+bool makeSparseFile(const std::string& path, unsigned long long size);
 // The names in a folder, "." and ".." left out, sorted.
 std::vector<std::string> listFolder(const std::string& path);
 

@@ -1,5 +1,5 @@
 // What the folder store cannot show of the file helpers: how a record is
-// replaced (both temporary-file paths, durability on), and that a reader in
+// replaced (with and without durability), and that a reader in
 // another process, or a writer killed at any instant, never meets a mixture.
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -22,31 +22,28 @@ using Lines = std::vector<std::string>;
 
 namespace {
 
-// false: unnamed temporary files; true: the named fallback, durability on.
+// false: plain writes; true: durable writes, with their flushes.
 class WriteFileTest : public ::testing::TestWithParam<bool> {
  protected:
-  void SetUp() override {
-    VelLogin::filesystem_testing::forceNamedTemporaryFiles(GetParam());
-    VelLogin::setDurableWrites(GetParam());
-  }
-  void TearDown() override {
-    VelLogin::filesystem_testing::forceNamedTemporaryFiles(false);
-    VelLogin::setDurableWrites(false);
+  void SetUp() override { VelLogin::setDurableWrites(GetParam()); }
+  void TearDown() override { VelLogin::setDurableWrites(false); }
+  mode_t mode(const std::string& name) const {
+    struct stat info;
+    EXPECT_EQ(::stat((tmp / name).c_str(), &info), 0) << name;
+    return info.st_mode & 07777;
   }
   TempFolder tmp;
 };
 
-INSTANTIATE_TEST_SUITE_P(Paths, WriteFileTest, ::testing::Bool());
+INSTANTIATE_TEST_SUITE_P(Durability, WriteFileTest, ::testing::Bool());
 
 TEST_P(WriteFileTest, ReplacesWithAnOwnerOnlyFileAndLeavesNoTemporaryFile) {
   const std::string bytes("\0\x01\xff rec\0", 8);
   VelLogin::writeFile(tmp / "rec", std::string(5000, 'o'));
-  VelLogin::writeFile(tmp / "rec", bytes);
+  VelLogin::writeFile(tmp / "rec", bytes.data(), bytes.size());
   EXPECT_EQ(readFileBytes(tmp / "rec"), bytes);
   EXPECT_EQ(VelLogin::readFile(tmp / "rec"), bytes);
-  struct stat info;
-  ASSERT_EQ(::stat((tmp / "rec").c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 07777, 0600u);
+  EXPECT_EQ(mode("rec"), 0600u);
 
   ASSERT_EQ(::mkdir((tmp / "sub").c_str(), 0700), 0);
   for (const std::string& path :
@@ -57,31 +54,63 @@ TEST_P(WriteFileTest, ReplacesWithAnOwnerOnlyFileAndLeavesNoTemporaryFile) {
   EXPECT_EQ(readFileBytes(tmp / "rec"), bytes);
 }
 
+// A record prepared for a reader in its group, or by another user, must not
+// lock that reader out when it is replaced.
+TEST_P(WriteFileTest, ReplacingKeepsTheRecordsPermissionBitsAndOwner) {
+  VelLogin::writeFile(tmp / "rec", "old");
+  for (mode_t prepared : {0640u, 0400u, 0604u}) {
+    ASSERT_EQ(::chmod((tmp / "rec").c_str(), prepared | S_ISUID), 0);
+    VelLogin::writeFile(tmp / "rec", "new");
+    EXPECT_EQ(mode("rec"), prepared) << "no set-id bit is carried over";
+  }
+  ASSERT_EQ(::symlink("rec", (tmp / "link").c_str()), 0);
+  VelLogin::writeFile(tmp / "link", "replaces the link, not its target");
+  EXPECT_EQ(mode("link"), 0600u);
+  EXPECT_EQ(readFileBytes(tmp / "rec"), "new");
+
+  if (::geteuid() != 0) GTEST_SKIP() << "owners can be given away only as root";
+  ASSERT_EQ(::chown((tmp / "rec").c_str(), 4321, 8765), 0);
+  VelLogin::writeFile(tmp / "rec", "by root");
+  struct stat info;
+  ASSERT_EQ(::stat((tmp / "rec").c_str(), &info), 0);
+  EXPECT_EQ(info.st_uid, 4321u);
+  EXPECT_EQ(info.st_gid, 8765u);
+}
+
 // The two-step read must refuse exactly what readFile refuses, and read the
-// bytes in place, binary included, up to the size it reported.
+// bytes in place, binary included, up to the size it reported, also for
+// files beyond 4 GiB (sparse, so they cost no disk).
 TEST(WholeFileReaderTest, ReportsTheSizeReadsInPlaceAndRefusesNonFiles) {
   TempFolder tmp;
   const std::string bytes("\0\x01\xff rec\0", 8);
   VelLogin::writeFile(tmp / "rec", bytes);
   VelLogin::writeFile(tmp / "empty", "");
+  size_t got = 99;
   {
     VelLogin::WholeFileReader file(tmp / "rec");
+    ASSERT_TRUE(file.ok());
     ASSERT_EQ(file.size(), bytes.size());
     std::string buffer(12, '#');
-    EXPECT_EQ(file.readInto(&buffer[0]), bytes.size());
+    EXPECT_TRUE(file.readInto(&buffer[0], &got));
+    EXPECT_EQ(got, bytes.size());
     EXPECT_EQ(buffer, bytes + "####");
   }
   VelLogin::WholeFileReader empty(tmp / "empty");
   EXPECT_EQ(empty.size(), 0u);
   char untouched = '#';
-  EXPECT_EQ(empty.readInto(&untouched), 0u);
+  EXPECT_TRUE(empty.readInto(&untouched, &got));
+  EXPECT_EQ(got, 0u);
   EXPECT_EQ(untouched, '#');
+
+  const unsigned long long huge = (1ull << 32) + 10;
+  ASSERT_TRUE(testsupport::makeSparseFile(tmp / "huge", huge));
+  EXPECT_EQ(VelLogin::WholeFileReader(tmp / "huge").size(), huge);
 
   ASSERT_EQ(::mkdir((tmp / "sub").c_str(), 0700), 0);
   ASSERT_EQ(::mkfifo((tmp / "fifo").c_str(), 0600), 0);
   for (const std::string& path :
        {tmp / "sub", tmp / "fifo", tmp / "missing", tmp / std::string("rec\0x", 5)}) {
-    EXPECT_THROW(VelLogin::WholeFileReader{path}, VelLogin::Exception) << path;
+    EXPECT_FALSE(VelLogin::WholeFileReader(path).ok()) << path;
     EXPECT_THROW(VelLogin::readFile(path), VelLogin::Exception) << path;
   }
 }

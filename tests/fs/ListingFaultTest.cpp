@@ -1,0 +1,74 @@
+// A folder listing that fails part-way, which no real file system does on
+// demand: the store is linked here from its own objects, so that the file
+// helpers' fault switch reaches it.
+#include <gtest/gtest.h>
+
+#include <errno.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "fs/FileSystemStorage.h"
+#include "platform/FileSystem.h"
+#include "support/TempFolder.h"
+#include "support/TraceCapture.h"
+
+using testsupport::listFolder;
+using testsupport::TraceCapture;
+using Lines = std::vector<std::string>;
+
+namespace {
+
+class ListingFaultTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* key : {"a", "b", "c"}) ASSERT_TRUE(store.setRaw(key, "x", 1, 0));
+  }
+  void TearDown() override { VelLogin::filesystem_testing::failListingsAfter(0, 0); }
+  std::string failure() const {
+    return "[ERROR] FileSystemStorage::" + method + ": folder <" + tmp.path() +
+           "/>: FsDirRead failed: Input/output error";
+  }
+
+  testsupport::TempFolder tmp;
+  VelLogin::FileSystemStorage store{tmp.path(), 0, false, false, 0};
+  std::string method;
+};
+
+// Four entries: "." and ".." and two of the three records, in listing order.
+TEST_F(ListingFaultTest, IterationEndsWithTheErrorAfterWhatWasListed) {
+  VelLogin::filesystem_testing::failListingsAfter(4, EIO);
+  ASSERT_TRUE(store.startGetAll());
+  std::string key;
+  unsigned delivered = 0;
+  char* data = nullptr;
+  unsigned len = store.getMaxRecordLen();
+  TraceCapture trace(4);
+  while (store.getNextRaw(key, data, len)) {
+    ++delivered;
+    delete[] data;
+    data = nullptr;
+    len = store.getMaxRecordLen();
+  }
+  EXPECT_EQ(delivered, 2u);
+  method = "getNextInternal";
+  const Lines lines = trace.messages();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), failure()), 1);
+  EXPECT_EQ(lines.back(), "[INFO] FileSystemStorage::getNextRaw: end of storage was reached");
+}
+
+TEST_F(ListingFaultTest, DelAllRemovesWhatWasListedAndFails) {
+  VelLogin::filesystem_testing::failListingsAfter(4, EIO);
+  TraceCapture trace(4);
+  EXPECT_FALSE(store.delAll());
+  EXPECT_EQ(listFolder(tmp.path()).size(), 1u);
+  const Lines lines = trace.messages();
+  ASSERT_EQ(lines.size(), 4u);
+  method = "delAll";
+  EXPECT_EQ(lines.front(), failure());
+  EXPECT_EQ(lines.back(), "[ERROR] FileSystemStorage::delAll: folder <" + tmp.path() +
+                              "/>: FAILURE in deleting all content");
+}
+
+}  // namespace
