@@ -152,19 +152,26 @@ size_t floorRead(const char* path, char* buf, size_t capacity) {
 void floorAtomicReplace(const std::string& folder, const std::string& path, const char* data,
                         size_t len) {
   static unsigned counter = 0;
-  int fd = ::open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
-  if (fd < 0) fail("cannot create unnamed file in", folder);
-  if (!writeAll(fd, data, len)) fail("cannot write", path);
-  char fdPath[32];
-  std::snprintf(fdPath, sizeof fdPath, "/proc/self/fd/%d", fd);
   char name[64];
   std::snprintf(name, sizeof name, ".floor-%u", counter++);
   const std::string temporary = folder + name;
-  if (::linkat(AT_FDCWD, fdPath, AT_FDCWD, temporary.c_str(), AT_SYMLINK_FOLLOW) != 0) {
-    fail("cannot name", temporary);
-  }
+  int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) fail("cannot create", temporary);
+  if (!writeAll(fd, data, len)) fail("cannot write", temporary);
   ::close(fd);
   if (::rename(temporary.c_str(), path.c_str()) != 0) fail("cannot rename onto", path);
+}
+
+bool floorOpenFails(const char* path) {
+  int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return true;
+  ::close(fd);
+  return false;
+}
+
+bool floorStatFile(const char* path) {
+  struct stat info;
+  return ::stat(path, &info) == 0 && S_ISREG(info.st_mode);
 }
 
 void floorPlainOverwrite(const char* path, const char* data, size_t len) {

@@ -47,11 +47,17 @@ std::string filledFolder(const std::vector<std::string>& keys, const std::string
 // open, fstat, read, close. Returns the bytes read.
 size_t floorRead(const char* path, char* buf, size_t capacity);
 
-// The system calls of an atomic replace, as the folder store makes them: an
-// unnamed file in the folder, written, given a temporary name, renamed over
-// path.
+// The cheapest atomic replace there is: a new file under a temporary name in
+// the folder (open with O_CREAT | O_EXCL, write, close), renamed over path.
 void floorAtomicReplace(const std::string& folder, const std::string& path, const char* data,
                         size_t len);
+
+// The cheapest miss: an open() of path that fails. True when it failed.
+bool floorOpenFails(const char* path);
+
+// The cheapest existence test: stat() of path. True when path is a regular
+// file.
+bool floorStatFile(const char* path);
 
 // A plain overwrite in place: open with O_TRUNC, write, close. Not atomic.
 void floorPlainOverwrite(const char* path, const char* data, size_t len);

@@ -388,6 +388,48 @@ void pairedWrite(benchmark::State& state) {
          });
 }
 
+// A key with no record: getRaw against an open() that fails.
+void pairedGetMissing(benchmark::State& state) {
+  Folder folder(100);
+  std::unique_ptr<FileSystemStorage> store(folderStore(folder.path));
+  std::vector<std::string> missing = bench::fileKeys(2 * kFolderRecords);
+  missing.erase(missing.begin(), missing.begin() + kFolderRecords);
+  std::vector<std::string> paths;
+  for (const std::string& key : missing) paths.push_back(folder.path + key);
+  size_t i = 0;
+  size_t j = 0;
+  paired(state, 32, 1,
+         [&] {
+           char* data = nullptr;
+           unsigned len = 0xFFFFFFFFu;
+           if (store->getRaw(missing[i], data, len)) state.SkipWithError("found");
+           if (++i == paths.size()) i = 0;
+         },
+         [&] {
+           if (!bench::floorOpenFails(paths[j].c_str())) state.SkipWithError("opened");
+           if (++j == paths.size()) j = 0;
+         });
+}
+
+// isInStorage of records that exist, against their stat().
+void pairedIsInStorage(benchmark::State& state) {
+  Folder folder(100);
+  std::unique_ptr<FileSystemStorage> store(folderStore(folder.path));
+  std::vector<std::string> paths;
+  for (const std::string& key : folder.keys) paths.push_back(folder.path + key);
+  size_t i = 0;
+  size_t j = 0;
+  paired(state, 32, 1,
+         [&] {
+           if (!store->isInStorage(folder.keys[i])) state.SkipWithError("not found");
+           if (++i == folder.keys.size()) i = 0;
+         },
+         [&] {
+           if (!bench::floorStatFile(paths[j].c_str())) state.SkipWithError("no file");
+           if (++j == paths.size()) j = 0;
+         });
+}
+
 void pairedIterate(benchmark::State& state) {
   const size_t size = static_cast<size_t>(state.range(0));
   Folder folder(size);
@@ -429,6 +471,8 @@ void pairedIterate(benchmark::State& state) {
     benchmark::RegisterBenchmark("paired:fs_write", pairedWrite)->Arg(size)->UseRealTime();
     benchmark::RegisterBenchmark("paired:fs_iterate", pairedIterate)->Arg(size)->UseRealTime();
   }
+  benchmark::RegisterBenchmark("paired:fs_get_missing", pairedGetMissing)->UseRealTime();
+  benchmark::RegisterBenchmark("paired:fs_isInStorage", pairedIsInStorage)->UseRealTime();
   benchmark::RegisterBenchmark(VARIANT "stack_get_hot", stackGetHot)->Arg(1024);
   for (int64_t n : bench::shortMode() ? std::vector<int64_t>{1000}
                                       : std::vector<int64_t>{1000, 10000}) {

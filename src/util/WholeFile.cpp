@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -73,27 +74,35 @@ bool parseTemporaryName(const char* name, unsigned long long* pid) {
   return p != nullptr && *p == '\0';
 }
 
-// Keeps SIGXFSZ from this thread while it writes: past RLIMIT_FSIZE, write()
-// then fails with EFBIG instead of the signal ending the process. The signal
-// the kernel still raises is taken off the thread before the mask is undone.
+// Keeps SIGXFSZ from this thread while it writes under a file-size limit:
+// past RLIMIT_FSIZE, write() then fails with EFBIG instead of the signal
+// ending the process. The signal the kernel still raises is taken off the
+// thread before the mask is undone. Without a limit there is nothing to hold.
 class FileSizeSignalHold {
  public:
   FileSizeSignalHold() {
+    rlimit limit;
+    m_active = ::getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur != RLIM_INFINITY;
+    if (!m_active) return;
     sigemptyset(&m_signal);
     sigaddset(&m_signal, SIGXFSZ);
     pthread_sigmask(SIG_BLOCK, &m_signal, &m_previous);
   }
-  ~FileSizeSignalHold() { pthread_sigmask(SIG_SETMASK, &m_previous, nullptr); }
+  ~FileSizeSignalHold() {
+    if (m_active) pthread_sigmask(SIG_SETMASK, &m_previous, nullptr);
+  }
   FileSizeSignalHold(const FileSizeSignalHold&) = delete;
   FileSizeSignalHold& operator=(const FileSizeSignalHold&) = delete;
 
   void discardRaised() {
+    if (!m_active) return;
     const timespec now = {0, 0};
     while (sigtimedwait(&m_signal, nullptr, &now) == SIGXFSZ) {
     }
   }
 
  private:
+  bool m_active;
   sigset_t m_signal;
   sigset_t m_previous;
 };
@@ -118,13 +127,16 @@ bool writeAll(int fd, const char* next, size_t left) {
 
 // A replaced record keeps who may read it: its permission bits, and its owner
 // and group where this process may give them (as root, or a group of ours).
+// A file of the new-record mode needs neither change: the new file was made
+// so (less the umask, as every new record).
 bool takeOverAccess(int fd, const struct stat& old) {
   if (old.st_uid != ::geteuid() || old.st_gid != ::getegid()) {
     if (::fchown(fd, old.st_uid, old.st_gid) != 0) {
       (void)::fchown(fd, static_cast<uid_t>(-1), old.st_gid);
     }
   }
-  return ::fchmod(fd, old.st_mode & kPermissionBits) == 0;
+  const mode_t bits = old.st_mode & kPermissionBits;
+  return bits == kFileMode || ::fchmod(fd, bits) == 0;
 }
 
 }  // namespace
