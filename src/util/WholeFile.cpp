@@ -131,9 +131,10 @@ bool writeAll(int fd, const char* next, size_t left) {
 // so (less the umask, as every new record).
 bool takeOverAccess(int fd, const struct stat& old) {
   if (old.st_uid != ::geteuid() || old.st_gid != ::getegid()) {
-    if (::fchown(fd, old.st_uid, old.st_gid) != 0) {
-      (void)::fchown(fd, static_cast<uid_t>(-1), old.st_gid);
-    }
+    // Where neither is ours to give, the new file stays ours, with the old bits.
+    const bool given = ::fchown(fd, old.st_uid, old.st_gid) == 0 ||
+                       ::fchown(fd, static_cast<uid_t>(-1), old.st_gid) == 0;
+    static_cast<void>(given);
   }
   const mode_t bits = old.st_mode & kPermissionBits;
   return bits == kFileMode || ::fchmod(fd, bits) == 0;
