@@ -156,6 +156,7 @@ class RedisConnection {
   Reply run(const std::vector<std::string_view>& args) { return run(args.data(), args.size()); }
 
   const char* error() const { return m_error.c_str(); }
+  const std::string& errorText() const { return m_error; }
   bool connected() const { return m_context != nullptr; }
 
  private:
@@ -194,11 +195,29 @@ bool readScanReply(const Reply& reply, std::string& cursor, std::vector<std::str
 
 }  // namespace
 
+namespace {
+
+RedisOptions hostOptions(const std::string& host, unsigned port, const std::string& prefix,
+                         unsigned timeoutMs) {
+  RedisOptions options;
+  options.host = host;
+  options.port = port;
+  options.prefix = prefix;
+  options.timeoutMs = timeoutMs;
+  return options;
+}
+
+}  // namespace
+
 RedisStorage::RedisStorage(const std::string& host, unsigned port, const std::string& prefix,
                            unsigned timeoutMs)
-    : m_prefix(prefix),
-      m_location(host + ":" + std::to_string(port) + "/" + prefix),
-      m_connection(new RedisConnection(host, port, timeoutMs != 0 ? timeoutMs : 1000)),
+    : RedisStorage(hostOptions(host, port, prefix, timeoutMs)) {}
+
+RedisStorage::RedisStorage(const RedisOptions& options)
+    : m_prefix(options.prefix),
+      m_location(options.host + ":" + std::to_string(options.port) + "/" + options.prefix),
+      m_connection(new RedisConnection(options.host, options.port,
+                                       options.timeoutMs != 0 ? options.timeoutMs : 1000)),
       m_iterating(false),
       m_walkDone(false),
       m_cursor("0"),
@@ -400,6 +419,8 @@ void RedisStorage::endGetAll() {
   m_nextPending = 0;
   m_delivered.clear();
 }
+
+const std::string& RedisStorage::lastError() const { return m_connection->errorText(); }
 
 unsigned RedisStorage::getMaxRecordLen() const { return kMaxRedisRecordLen; }
 

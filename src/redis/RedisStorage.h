@@ -42,6 +42,7 @@
 
 #include "../storage/AbstractStorage.h"
 #include "../storage/Export.h"
+#include "RedisOptions.h"
 
 namespace VelLogin {
 
@@ -59,6 +60,9 @@ class LOGINSTORAGE_EXPORT RedisStorage : public AbstractStorage {
   // next operation.
   RedisStorage(const std::string& host, unsigned port, const std::string& prefix,
                unsigned timeoutMs);
+  // Keeps records on the server that options name (RedisOptions.h), under
+  // keys options.prefix + key. Connects at once, as above.
+  explicit RedisStorage(const RedisOptions& options);
   RedisStorage(const RedisStorage&) = delete;
   RedisStorage& operator=(const RedisStorage&) = delete;
 
@@ -114,6 +118,13 @@ class LOGINSTORAGE_EXPORT RedisStorage : public AbstractStorage {
   // at the end, or when the server fails mid-walk, true with endReached and
   // len 0.
   bool getNextInternal(std::string& key, char*& data, unsigned& len, bool& endReached) override;
+
+  // Why the last operation failed: the server's error text, "timeout ...",
+  // "protocol error: ..." or a connection failure. Every operation empties
+  // it first, so an empty lastError() tells a real 0 from getNumElements(),
+  // a missing record from getRaw() and the end of an iteration from an
+  // outage.
+  const std::string& lastError() const;
 
  private:
   // Replaces m_pending with the next batch of the walk; false when the
