@@ -23,8 +23,7 @@ std::string describe(int error) { return std::strerror(error); }
 
 bool RedisLink::await(short events, Clock::time_point deadline) {
   for (;;) {
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     if (left <= 0) return false;
     pollfd target{m_fd, events, 0};
     const int ready = ::poll(&target, 1, left > 60000 ? 60000 : static_cast<int>(left));
@@ -44,7 +43,8 @@ bool RedisLink::open(const std::string& host, unsigned port, const std::string& 
                               ? redisConnectNonBlock(host.c_str(), static_cast<int>(port))
                               : redisConnectUnixNonBlock(unixSocket.c_str());
   if (context == nullptr || context->err != 0) {
-    error = std::string("cannot connect: ") + (context != nullptr ? context->errstr : "out of memory");
+    error =
+        std::string("cannot connect: ") + (context != nullptr ? context->errstr : "out of memory");
     if (context != nullptr) redisFree(context);
     return false;
   }
@@ -143,8 +143,8 @@ bool RedisLink::receive(std::string_view command, Clock::time_point deadline, st
 }
 
 const RedisReply* RedisLink::exchange(const std::string_view* args, size_t count,
-                                      const RedisReply::Limits& limits,
-                                      Clock::time_point deadline, std::string& error) {
+                                      const RedisReply::Limits& limits, Clock::time_point deadline,
+                                      std::string& error) {
   if (!isOpen()) {
     error = std::string(args[0]) + " failed: not connected";
     return nullptr;

@@ -82,15 +82,16 @@ TEST(RedisConnectTest, PasswordAclUserDatabaseAndUnixSocket) {
     if (!c.error.empty()) {
       EXPECT_FALSE(store.startGetAll());  // an outage, not an empty store
       EXPECT_EQ(store.getNumElements(), 0u);
-      EXPECT_EQ(store.lastError(), c.error.substr(0, 4) == "SET " ? "SCAN" + c.error.substr(3)
-                                                                   : c.error);
+      EXPECT_EQ(store.lastError(),
+                c.error.substr(0, 4) == "SET " ? "SCAN" + c.error.substr(3) : c.error);
       continue;
     }
     EXPECT_EQ(readRecord(store, "k"), value);
     EXPECT_EQ(store.getNumElements(), 1u);
-    EXPECT_EQ(server.command({"EVAL", "redis.call('SELECT', ARGV[1]) return redis.call('GET', KEYS[1])",
-                              "1", "app:k", std::to_string(c.database)}),
-              value);
+    EXPECT_EQ(
+        server.command({"EVAL", "redis.call('SELECT', ARGV[1]) return redis.call('GET', KEYS[1])",
+                        "1", "app:k", std::to_string(c.database)}),
+        value);
     EXPECT_TRUE(store.delAll());
   }
 }
