@@ -12,6 +12,7 @@
 
 #include "LoginStorage/redis/RedisStorage.h"
 #include "RedisServer.h"
+#include "ScriptedServer.h"
 #include "support/TempFolder.h"
 #include "support/TraceCapture.h"
 
@@ -158,6 +159,31 @@ TEST(RedisConnectTest, TheSameStoreFollowsAFailoverAndKeepsWhatReplicasConfirmed
   // The new master has no replica left: a write that must reach one fails.
   EXPECT_FALSE(set(durable, "lonely", "z"));
   EXPECT_EQ(durable.lastError(), "WAIT: 0 of 1 replicas confirmed the write in time");
+}
+
+TEST(RedisConnectTest, ADemotedMasterSendsTheStoreBackToTheSentinels) {
+  RedisServer server, other;
+  if (!server.started()) GTEST_SKIP() << "redis-server could not be started";
+  const std::string port = std::to_string(server.port());
+  testsupport::ScriptedServer sentinel(
+      {"*2\r\n$9\r\n127.0.0.1\r\n$" + std::to_string(port.size()) + "\r\n" + port + "\r\n"});
+  RedisOptions options;
+  options.sentinels = {{"127.0.0.1", sentinel.port()}};
+  options.masterName = "logins";
+  RedisStorage store(options);
+  ASSERT_TRUE(set(store, "k", "v"));
+
+  EXPECT_EQ(server.command({"REPLICAOF", "127.0.0.1", std::to_string(other.port())}), "+OK");
+  EXPECT_FALSE(set(store, "k", "w"));
+  EXPECT_EQ(store.lastError(), "SET failed: READONLY You can't write against a read only replica.");
+  // Asked again, the sentinel still names it: the store will not read a
+  // replica as if it were the master.
+  EXPECT_EQ(readRecord(store, "k"), "missing");
+  EXPECT_EQ(store.lastError(), "the server the sentinels name is a slave, not a master");
+
+  EXPECT_EQ(server.command({"REPLICAOF", "NO", "ONE"}), "+OK");
+  EXPECT_TRUE(set(store, "k", "x"));
+  EXPECT_EQ(readRecord(store, "k"), "x");
 }
 
 }  // namespace
