@@ -4,6 +4,7 @@
 #include <hiredis/hiredis.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 
 #include <cstring>
 #include <new>
@@ -37,6 +38,11 @@ bool RedisLink::open(const std::string& host, unsigned port, const std::string& 
   close();
   if (unixSocket.empty() && (port == 0 || port > 65535)) {
     error = "cannot connect: port " + std::to_string(port) + " out of range";
+    return false;
+  }
+  // hiredis would cut a longer path short and connect to another socket.
+  if (unixSocket.size() >= sizeof(sockaddr_un::sun_path)) {
+    error = "cannot connect: unix socket path too long";
     return false;
   }
   redisContext* context = unixSocket.empty()

@@ -95,6 +95,14 @@ TEST(RedisConnectTest, PasswordAclUserDatabaseAndUnixSocket) {
         value);
     EXPECT_TRUE(store.delAll());
   }
+
+  RedisOptions bad;
+  bad.unixSocket = sockets / std::string(120, 's');
+  EXPECT_FALSE(RedisStorage(bad).isInStorage("k"));
+  EXPECT_EQ(RedisStorage(bad).lastError(), "cannot connect: unix socket path too long");
+  bad.unixSocket.clear();
+  bad.port = 70000;
+  EXPECT_EQ(RedisStorage(bad).lastError(), "cannot connect: port 70000 out of range");
 }
 
 TEST(RedisConnectTest, TheSameStoreFollowsAFailoverAndKeepsWhatReplicasConfirmed) {
