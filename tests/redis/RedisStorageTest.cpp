@@ -45,6 +45,7 @@ TEST_F(RedisStorageTest, RawContractOnBinaryRecordsUnderThePrefix) {
   EXPECT_EQ(readRecord(*store, key), value);
   EXPECT_EQ(readRecord(*store, key, 9), "too long: 10");
   EXPECT_EQ(readRecord(*store, "k"), "missing");
+  EXPECT_EQ(store->lastError(), "");  // missing, not failed
   EXPECT_TRUE(store->isInStorage(key));
   EXPECT_FALSE(store->isInStorage("k"));
 
@@ -117,6 +118,7 @@ TEST_F(RedisStorageTest, WalkDeliversThousandsOfRecordsOnceWithScan) {
 
   EXPECT_TRUE(store->delAll());
   EXPECT_EQ(store->getNumElements(), 0u);
+  EXPECT_EQ(store->lastError(), "");  // really empty
   EXPECT_EQ(server.command({"DBSIZE"}), ":1");
 }
 
