@@ -28,34 +28,46 @@ install(FILES
   DESTINATION ${LOGINSTORAGE_CMAKE_DIR}
   COMPONENT development)
 
-# The pkg-config file finds the prefix from its own place, so that
-# `cmake --install --prefix P` yields a working file for any P.
+# A pkg-config file is chosen when it is installed, once the prefix is known.
+# Installed to /usr it names /usr itself, so that pkg-config recognises the
+# system folders and leaves them out of the flags. Anywhere else it finds the
+# prefix from its own place, so that the tree still works when moved or
+# unpacked elsewhere.
 file(RELATIVE_PATH LOGINSTORAGE_PC_TO_PREFIX
   "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
-configure_file(cmake/loginstorage.pc.in
-  ${CMAKE_CURRENT_BINARY_DIR}/loginstorage.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/loginstorage.pc
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
-  COMPONENT development)
+function(loginstorage_install_pkgconfig template component)
+  get_filename_component(name ${template} NAME_WLE)
+  set(pc_dir ${CMAKE_CURRENT_BINARY_DIR}/pkgconfig)
+  set(LOGINSTORAGE_PC_PREFIX /usr)
+  configure_file(${template} ${pc_dir}/usr/${name} @ONLY)
+  set(LOGINSTORAGE_PC_PREFIX "\${pcfiledir}/${LOGINSTORAGE_PC_TO_PREFIX}")
+  configure_file(${template} ${pc_dir}/relocatable/${name} @ONLY)
+  install(CODE "
+    set(flavour relocatable)
+    if(CMAKE_INSTALL_PREFIX STREQUAL \"/usr\")
+      set(flavour usr)
+    endif()
+    file(INSTALL \"${pc_dir}/\${flavour}/${name}\"
+      DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig\")"
+    COMPONENT ${component})
+endfunction()
+loginstorage_install_pkgconfig(cmake/loginstorage.pc.in development)
 
-# The Redis store, when built: its library and header, a second export set
-# that LoginStorageConfig.cmake loads when present (component "Redis"), and
-# its own pkg-config file.
+# The Redis store, when built, in components of its own (redis-runtime,
+# redis-development) so that only they need hiredis: its library and header,
+# a second export set that LoginStorageConfig.cmake loads when present
+# (component "Redis"), and its own pkg-config file.
 if(TARGET LoginStorageRedis)
   install(TARGETS LoginStorageRedis
     EXPORT LoginStorageRedisTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-      COMPONENT runtime NAMELINK_COMPONENT development
+      COMPONENT redis-runtime NAMELINK_COMPONENT redis-development
     FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/LoginStorage
-      COMPONENT development
+      COMPONENT redis-development
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
   install(EXPORT LoginStorageRedisTargets
     NAMESPACE LoginStorage::
     DESTINATION ${LOGINSTORAGE_CMAKE_DIR}
-    COMPONENT development)
-  configure_file(cmake/loginstorage-redis.pc.in
-    ${CMAKE_CURRENT_BINARY_DIR}/loginstorage-redis.pc @ONLY)
-  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/loginstorage-redis.pc
-    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
-    COMPONENT development)
+    COMPONENT redis-development)
+  loginstorage_install_pkgconfig(cmake/loginstorage-redis.pc.in redis-development)
 endif()

@@ -15,7 +15,7 @@ set(LOGINSTORAGE_MINOR_RELEASE_NAME "Quillmoor_Lantern")
 
 set(LOGINSTORAGE_COMPANY_NAME "LoginStorage Developers")
 set(LOGINSTORAGE_COPYRIGHT
-  "Copyright (C) 2019-2026 LoginStorage Developers. All rights reserved.")
+  "Copyright (C) 2019-2026 LoginStorage Developers. MIT License, see LICENSE.")
 set(LOGINSTORAGE_CONTACT "LoginStorage Developers <maintainers@loginstorage.invalid>")
 
 # The in-house libraries this one needs, as the record lists them by name.

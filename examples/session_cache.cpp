@@ -2,8 +2,11 @@
 //
 //   CacheStorage -> ObjectStorage -> FileSystemStorage
 //
+//   session_cache [--trace] [FOLDER]
+//
 // Run it with a folder to keep the records in, or with none to use a fresh
-// temporary folder that is removed at the end. Trace lines go to stderr.
+// temporary folder that is removed at the end. With --trace, the library's
+// trace lines go to stderr, explained first.
 #include <unistd.h>
 
 #include <cstdio>
@@ -62,6 +65,19 @@ CacheStorage* openSessions(const std::string& folder) {
   return new CacheStorage(objects, 60, 1000);  // owns the whole chain
 }
 
+// What a reader of the trace should know; the two odd lines are kept as they
+// are because existing log readers look for them.
+const char kTraceGuide[] =
+    "Trace (stderr), severity in brackets:\n"
+    "  [INFO]    what each store did: cache hits and misses, reads from the folder.\n"
+    "  [WARNING] \"failed to get entity\": a key with no record (carol, alice after del).\n"
+    "            \"given len is too small for record - should NOT happen\" follows every\n"
+    "            record an iteration delivers: normal, despite its wording.\n"
+    "  [ERROR]   \"readFile failed to read file\": the folder has no such record.\n"
+    "            \"SUCCESS in deleting record\": a successful delete, reported as an error.\n"
+    "            \"SKIPPING A RECORD\": an iteration stepped past an entry it could\n"
+    "            not deliver, and went on with the next.\n\n";
+
 void show(const char* what, const RefCountPtr<IStorable>& session) {
   std::printf("%-34s %s\n", what, session ? session->toString().c_str() : "(none)");
 }
@@ -70,6 +86,11 @@ void show(const char* what, const RefCountPtr<IStorable>& session) {
 
 int main(int argc, char** argv) {
   std::setvbuf(stdout, nullptr, _IOLBF, 0);  // keep our lines in order with the trace on stderr
+  bool trace = argc > 1 && std::string(argv[1]) == "--trace";
+  if (trace) {
+    --argc;
+    ++argv;
+  }
   std::string folder;
   bool temporary = argc < 2;
   if (temporary) {
@@ -84,8 +105,10 @@ int main(int argc, char** argv) {
   }
   std::printf("Keeping sessions in %s\n", folder.c_str());
 
-  // Level 4 shows every message (what the cache does); 2 would show errors only.
-  activate_tellu_debug_output = 4;
+  if (trace) {
+    std::fputs(kTraceGuide, stdout);
+    activate_tellu_debug_output = 4;  // every message; 2 would show errors only
+  }
 
   CacheStorage* sessions = openSessions(folder);
   sessions->set(RefCountPtr<IStorable>(new Session("alice", "7f3a9c")), 0);

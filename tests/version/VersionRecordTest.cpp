@@ -39,7 +39,7 @@ const std::vector<std::string> kExpectedLines = {
     "Interface Version=0",
     "Comments=",
     "Company Name=LoginStorage Developers",
-    "Legal Copyright=Copyright (C) 2019-2026 LoginStorage Developers. All rights reserved.",
+    "Legal Copyright=Copyright (C) 2019-2026 LoginStorage Developers. MIT License, see LICENSE.",
     "Internal Name=LoginStorage",
     "Configuration=linux30/release.dynamic",
     "Dependent Libraries=lsbase:lstrace:lsfileio:lsnames",
@@ -144,7 +144,7 @@ TEST(VersionRecord, HoldsTheSameValuesAsTheTextBlock) {
   EXPECT_STREQ(record.comments, "");
   EXPECT_STREQ(record.companyName, "LoginStorage Developers");
   EXPECT_STREQ(record.legalCopyright,
-               "Copyright (C) 2019-2026 LoginStorage Developers. All rights reserved.");
+               "Copyright (C) 2019-2026 LoginStorage Developers. MIT License, see LICENSE.");
   EXPECT_STREQ(record.internalName, "LoginStorage");
   EXPECT_STREQ(record.configuration, "linux30/release.dynamic");
   EXPECT_STREQ(record.dependentLibraries, "lsbase:lstrace:lsfileio:lsnames");

@@ -4,6 +4,9 @@
 #include <LoginStorage/LoginStorage.h>
 #include <LoginStorage/version/VersionInfo.h>
 #include <dlfcn.h>
+#ifdef CONSUMER_REDIS
+#include <LoginStorage/redis/RedisStorage.h>
+#endif
 
 #include <cstdio>
 #include <string>
@@ -22,6 +25,13 @@ int main() {
   // Code of the library, not only its data.
   VelLogin::Exception exception("consumer", "main");
   if (exception.getMessage() != "consumer") return 1;
+
+#ifdef CONSUMER_REDIS
+  // Nothing listens on port 1: the store reports the failure as a result.
+  VelLogin::RedisStorage redis("127.0.0.1", 1, "consumer:", 100);
+  if (redis.getNumElements() != 0) return 1;
+  std::printf("redis store linked\n");
+#endif
 
   Dl_info where{};
   // The record itself may be copied into this program; its texts stay in the
