@@ -22,12 +22,25 @@
 // 0 keeps it until it is removed. The server applies it, not this process's
 // clock.
 //
-// Failures: an unreachable, failing or too slow server makes operations fail
-// with false results (len 0 for reads) and trace messages on topic "STORAGE";
-// no operation waits longer than the timeout for a connection plus the
-// timeout for one reply. After a failed connection or a broken one, the next
-// operation connects again, so a restarted server is used as soon as it is
-// back. A broken connection never raises SIGPIPE in the process.
+// Failures never look like success: an unreachable, refusing, failing or
+// too slow server makes operations fail with false results (len 0 for
+// reads, 0 from getNumElements()), a trace message on topic "STORAGE" and
+// the cause in lastError(). A walk that breaks off ends with a severity-1
+// trace message and lastError() set. A reply that is not what the command
+// answers (wrong type, a key outside the prefix, a bulk above the record
+// limit, an array longer than a SCAN batch) is a protocol error: the
+// operation fails and the connection is dropped.
+//
+// Bounds: each operation has one deadline, the timeout, for connecting
+// (sentinels included), sending and every read of its replies; a walk
+// (iteration, delAll(), getNumElements()) spends at most the walk time of
+// the options on the server in all and stops on a SCAN cursor that keeps
+// coming back. A reply is bounded before memory is taken for it.
+//
+// After a failed or broken connection, a timeout, a READONLY or a MASTERDOWN
+// reply, the next operation connects again (asking the sentinels anew), so a
+// restarted server or a promoted replica is used as soon as it serves. A
+// broken connection never raises SIGPIPE in the process.
 //
 // Several objects and processes may share a prefix; nothing coordinates them
 // beyond the server's own atomicity of each command.
@@ -37,7 +50,6 @@
 #define LOGINSTORAGE_REDIS_REDISSTORAGE_H
 
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "../storage/AbstractStorage.h"
@@ -47,6 +59,7 @@
 namespace VelLogin {
 
 class RedisConnection;
+class RedisScan;
 
 class LOGINSTORAGE_EXPORT RedisStorage : public AbstractStorage {
  public:
@@ -54,8 +67,8 @@ class LOGINSTORAGE_EXPORT RedisStorage : public AbstractStorage {
   static constexpr unsigned kMaxRedisRecordLen = 512u * 1024u * 1024u;
 
   // Keeps records on the server at host:port under keys prefix + key.
-  // timeoutMs bounds the wait for a connection and for each reply (0 means
-  // 1000). Connects at once; a server that cannot be reached is reported in
+  // timeoutMs is the deadline of each operation (0 means 1000). Connects
+  // at once; a server that cannot be reached is reported in
   // the trace only: the object exists all the same and connects again on its
   // next operation.
   RedisStorage(const std::string& host, unsigned port, const std::string& prefix,
@@ -92,7 +105,7 @@ class LOGINSTORAGE_EXPORT RedisStorage : public AbstractStorage {
   // Opens the iteration over the records under the prefix. It delivers each
   // record once; records added or removed meanwhile may or may not be seen.
   // False when an iteration is already open (it goes on undisturbed) or the
-  // server cannot be reached.
+  // server cannot be walked (its first SCAN fails).
   bool startGetAll() override;
 
   // Closes the iteration, if one is open.
@@ -106,8 +119,9 @@ class LOGINSTORAGE_EXPORT RedisStorage : public AbstractStorage {
   ~RedisStorage() override;
 
   // The number of records under the prefix, counted on the server: a full
-  // walk unless the prefix is empty, exact when no record is added or
-  // removed meanwhile. 0 when the server fails.
+  // walk unless the prefix is empty (then DBSIZE), each key counted once,
+  // exact when no record is added or removed meanwhile. 0 with lastError()
+  // set when the server fails.
   unsigned getNumElements() const override;
 
   // True when the record exists on the server.
@@ -116,7 +130,7 @@ class LOGINSTORAGE_EXPORT RedisStorage : public AbstractStorage {
   // The next record of the walk, read with getRaw() (key is set even when
   // the read fails, for example because the record was removed meanwhile);
   // at the end, or when the server fails mid-walk, true with endReached and
-  // len 0.
+  // len 0; after a failure lastError() is set.
   bool getNextInternal(std::string& key, char*& data, unsigned& len, bool& endReached) override;
 
   // Why the last operation failed: the server's error text, "timeout ...",
@@ -127,19 +141,12 @@ class LOGINSTORAGE_EXPORT RedisStorage : public AbstractStorage {
   const std::string& lastError() const;
 
  private:
-  // Replaces m_pending with the next batch of the walk; false when the
-  // server fails.
-  bool scanNextBatch();
-
   std::string m_prefix;
-  std::string m_location;  // "host:port/prefix", for trace messages
   RedisConnection* m_connection;  // owned; private to the library
+  RedisScan* m_scan;              // owned; the walk of the open iteration
   bool m_iterating;
-  bool m_walkDone;
-  std::string m_cursor;                // of the open walk; "0" starts and ends
-  std::vector<std::string> m_pending;  // the last batch of full Redis keys
+  std::vector<std::string> m_pending;  // the keys of the last batch
   size_t m_nextPending;                // the next of them to deliver
-  std::unordered_set<std::string> m_delivered;  // SCAN may repeat a key
 };
 
 }  // namespace VelLogin
