@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <map>
@@ -555,6 +556,14 @@ int showVersion(const CommandLine& line) {
 
 int showToolVersion() {
   const VelLogin::VersionRecord& library = LoginStorage_version_info;
+  // The library's folder without the "bin/.." of the tool's relative run path.
+  std::string path = loadedLibraryPath();
+  const size_t slash = path.rfind('/');
+  if (slash != std::string::npos) {
+    char* folder = ::realpath(path.substr(0, slash).c_str(), nullptr);
+    if (folder != nullptr) path = folder + path.substr(slash);
+    std::free(folder);
+  }
   char text[512];
   std::snprintf(text, sizeof text,
                 "loginstorage %s\n"
@@ -562,7 +571,7 @@ int showToolVersion() {
                 "Redis support: %s\n",
                 LOGINSTORAGE_TOOL_VERSION, library.majorReleaseNumber, library.minorReleaseNumber,
                 library.optionPackNumber, library.majorRelease, library.minorRelease,
-                escapeKey(loadedLibraryPath()).c_str(),
+                escapeKey(path).c_str(),
 #ifdef LOGINSTORAGE_TOOL_HAS_REDIS
                 "built in"
 #else
