@@ -186,7 +186,7 @@ TEST(LoginStorageToolTest, ExitStatusTellsMissingFromUsageFromFailure) {
       {{"ls", locked.path()}, {"", "", true}, 3,
        "cannot open folder " + locked.path() + ": Permission denied"},
       {{"get", locked.path(), "secret"}, {"", "", true}, 3,
-       "cannot open folder " + locked.path() + ": Permission denied"},
+       "cannot read record 'secret' in " + locked.path() + ": Permission denied"},
       {{"ls", f}, {"", "/dev/full", false}, 3,
        "cannot write to standard output: No space left on device"},
       {{"get", f, "alice"}, {"", "/dev/full", false}, 3,
@@ -281,7 +281,7 @@ TEST(LoginStorageToolTest, VersionsOfToolAndLibrary) {
   TempFolder folder;
   testsupport::writeFileBytes(folder / "plain", "no block here");
   EXPECT_EQ(runTool({"version", folder / "plain"}).status, 3);
-  EXPECT_TRUE(testsupport::pathExists(LOGINSTORAGE_PREFIX "/share/man/man1/loginstorage.1"));
+  EXPECT_TRUE(testsupport::pathExists(LOGINSTORAGE_PREFIX "/share/man/man1/loginstorage.1.gz"));
   EXPECT_TRUE(testsupport::pathExists(LOGINSTORAGE_PREFIX
                                       "/share/bash-completion/completions/loginstorage"));
 }

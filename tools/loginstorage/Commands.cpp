@@ -108,11 +108,14 @@ int openLocation(const std::string& text, bool createFolder, Location& location)
       return fail(kFailure, "cannot create folder " + location.name + ": " + systemError(error));
     }
   }
-  const int fd = ::open(location.folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) {
-    return fail(kFailure, "cannot open folder " + location.name + ": " + systemError(errno));
+  // Reading a record needs only the right to pass through the folder; the
+  // listing commands find out themselves whether they may read it.
+  const int error = ::stat(location.folder.c_str(), &info) != 0 ? errno
+                    : S_ISDIR(info.st_mode)                     ? 0
+                                                                : ENOTDIR;
+  if (error != 0) {
+    return fail(kFailure, "cannot open folder " + location.name + ": " + systemError(error));
   }
-  ::close(fd);
   if (!location.store) {
     location.store.reset(new FileSystemStorage(location.folder, 0, false, false, 0));
   }
