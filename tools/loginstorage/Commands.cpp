@@ -445,7 +445,7 @@ int clearRecords(const CommandLine& line) {
     if (!scan.scan(location.folder, false, &listing, error)) return fail(kFailure, error);
   }
   unsigned long failed = 0;
-  Progress progress("removed");
+  Progress progress("removed", scan.records().size());
   for (const FolderScan::Entry& record : scan.records()) {
     progress.step();
     if (location.store->del(record.name)) continue;
@@ -530,7 +530,7 @@ int collectGarbage(const CommandLine& line) {
     Progress listing("examined");
     if (!scan.scan(location.folder, false, &listing, error)) return fail(kFailure, error);
   }
-  Progress progress("removed");
+  Progress progress("removed", scan.abandoned().size());
   const bool ok = scan.removeAbandoned(location.folder, &progress, removed, bytes, error);
   Output out;
   out.write("removed " + std::to_string(removed) + " abandoned temporary files (" +

@@ -21,7 +21,8 @@ constexpr unsigned long kClockEvery = 256;  // items between clock reads
 
 }  // namespace
 
-Progress::Progress(const char* what) : m_what(what), m_terminal(isatty(STDERR_FILENO) != 0) {
+Progress::Progress(const char* what, unsigned long total)
+    : m_what(what), m_terminal(isatty(STDERR_FILENO) != 0), m_total(total) {
   if (m_terminal) m_start = m_lastDraw = now();
 }
 
@@ -36,7 +37,11 @@ void Progress::step() {
   if (t - m_start < kFirstDrawAfter || t - m_lastDraw < kRedrawEvery) return;
   m_lastDraw = t;
   m_drawn = true;
-  std::fprintf(stderr, "\rloginstorage: %s %lu records...", m_what, m_count);
+  if (m_total != 0) {
+    std::fprintf(stderr, "\rloginstorage: %s %lu of %lu...", m_what, m_count, m_total);
+  } else {
+    std::fprintf(stderr, "\rloginstorage: %s %lu entries...", m_what, m_count);
+  }
   std::fflush(stderr);
 }
 

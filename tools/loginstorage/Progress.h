@@ -10,8 +10,9 @@ namespace tool {
 
 class Progress {
  public:
-  // what: "listed", "removed", ... shown before the count.
-  explicit Progress(const char* what);
+  // what: "listed", "removed", ... shown before the count; total, when
+  // known, after it.
+  explicit Progress(const char* what, unsigned long total = 0);
   ~Progress();  // erases the line
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
@@ -23,6 +24,7 @@ class Progress {
   const char* m_what;
   bool m_terminal;
   bool m_drawn = false;
+  unsigned long m_total;
   unsigned long m_count = 0;
   double m_start = 0;
   double m_lastDraw = 0;
