@@ -68,6 +68,12 @@ struct Location {
   std::string recordPath(const std::string& key) const { return folder + "/" + key; }
 };
 
+// The cause of a Redis failure, for the rare failure the store gave none.
+std::string failureCause(const Location& location) {
+  const std::string cause = location.lastError();
+  return cause.empty() ? "the store refused (see --trace 2)" : cause;
+}
+
 // The nearest folder of path that exists, so that a failed creation can be
 // explained by what that folder refuses.
 std::string existingAncestor(std::string path) {
@@ -209,7 +215,7 @@ struct Listed {
 int walkStore(const Location& location, std::vector<Listed>& records, Progress& progress) {
   AbstractStorage& store = *location.store;
   if (!store.startGetAll()) {
-    return fail(kFailure, "cannot list " + location.name + ": " + location.lastError());
+    return fail(kFailure, "cannot list " + location.name + ": " + failureCause(location));
   }
   for (;;) {
     Listed record;
@@ -406,7 +412,7 @@ int putRecord(const CommandLine& line) {
   }
   const std::string cause = location.isFolder()
                                 ? writeFailureCause(location, key, bytes.size())
-                                : location.lastError();
+                                : failureCause(location);
   return fail(kFailure, "cannot store " + quoted(key) + " in " + location.name + ": " + cause);
 }
 
@@ -435,7 +441,7 @@ int clearRecords(const CommandLine& line) {
   if (int status = openLocation(line.operands[0], false, location)) return status;
   if (!location.isFolder()) {
     if (location.store->delAll()) return kSuccess;
-    return fail(kFailure, "cannot clear " + location.name + ": " + location.lastError());
+    return fail(kFailure, "cannot clear " + location.name + ": " + failureCause(location));
   }
 
   FolderScan scan;
