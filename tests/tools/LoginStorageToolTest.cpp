@@ -1,7 +1,7 @@
 // The installed loginstorage tool, run as a real process on real folders.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -94,15 +94,15 @@ TEST(LoginStorageToolTest, PutFromAFileAndHexDump) {
   ASSERT_EQ(runTool({"put", folder.path() + "/store", "k", folder / "source"}).status, 0);
   ToolRun dump = runTool({"get", "--hex", folder.path() + "/store", "k"});
   EXPECT_EQ(dump.status, 0);
-  EXPECT_EQ(dump.out,
-            "00000000  41 42 01                                         |AB.|\n");
+  EXPECT_EQ(dump.out, "00000000  41 42 01                                         |AB.|\n");
 }
 
 // Keys that would forge lines or reach the terminal, beside entries that are
 // not records: a sub-folder, a dangling link, a write in progress.
 TEST(LoginStorageToolTest, HostileKeysAreListedSafelyInEveryMode) {
   TempFolder folder;
-  for (const char* key : {"plain", "new\nline", "esc\x1b[2J", "bad\xff", "back\\slash", "\xc3\xbc"}) {
+  for (const char* key :
+       {"plain", "new\nline", "esc\x1b[2J", "bad\xff", "back\\slash", "\xc3\xbc"}) {
     testsupport::writeFileBytes(folder / key, "x");
   }
   ASSERT_EQ(::mkdir((folder / "sub").c_str(), 0700), 0);
@@ -149,13 +149,14 @@ TEST(LoginStorageToolTest, LongListingShowsTheFilesStat) {
   char owner[16];
   std::snprintf(owner, sizeof owner, "%-8s", me->pw_name);
 
-  const std::string line = std::string("-rw-r----- ") + owner + "   5368709120 2001-09-09 01:46:40  ";
+  const std::string line =
+      std::string("-rw-r----- ") + owner + "   5368709120 2001-09-09 01:46:40  ";
   EXPECT_EQ(runTool({"ls", "-l", folder.path()}).out, line + "big\n" + line + "link\n");
   const std::string json = runTool({"ls", "-l", "--json", folder.path()}).out;
-  EXPECT_EQ(json.substr(0, json.find('\n') + 1),
-            "{\"key\":\"big\",\"key_encoding\":\"utf-8\",\"size\":5368709120,\"mode\":\"0640\",\"uid\":" +
-                std::to_string(geteuid()) + ",\"owner\":\"" + me->pw_name +
-                "\",\"mtime\":1000000000}\n");
+  EXPECT_EQ(
+      json.substr(0, json.find('\n') + 1),
+      "{\"key\":\"big\",\"key_encoding\":\"utf-8\",\"size\":5368709120,\"mode\":\"0640\",\"uid\":" +
+          std::to_string(geteuid()) + ",\"owner\":\"" + me->pw_name + "\",\"mtime\":1000000000}\n");
 }
 
 // Each class of failure has its status and names its cause.
@@ -179,21 +180,35 @@ TEST(LoginStorageToolTest, ExitStatusTellsMissingFromUsageFromFailure) {
       {{"ls", "-0", "--json", f}, {}, 2, "ls takes -0 or --json, not both"},
       {{"clear", f}, {}, 2, "clear removes every record: confirm with --yes"},
       {{"put", f, "k"}, {}, 2, "an empty record cannot be stored"},
-      {{"ls", "redis://127.0.0.1:6379/sessions:"}, {}, 2,
+      {{"ls", "redis://127.0.0.1:6379/sessions:"},
+       {},
+       2,
        "bad location: 'sessions:' is not a database number; the key prefix is given as ?prefix="},
       {{"ls", "redis://h:0"}, {}, 2, "bad location: bad server address 'h:0' (HOST[:PORT])"},
       {{"ls", "redis://h?prefix=%zz"}, {}, 2, "bad location: bad percent escape in '%zz'"},
-      {{"ls", "redis-sentinel://h:1"}, {}, 2,
+      {{"ls", "redis-sentinel://h:1"},
+       {},
+       2,
        "bad location: redis-sentinel:// needs /MASTERNAME[/DB] after the sentinels"},
-      {{"ls", folder / "absent"}, {}, 3,
+      {{"ls", folder / "absent"},
+       {},
+       3,
        "cannot open folder " + folder / "absent" + ": No such file or directory"},
-      {{"ls", locked.path()}, {"", "", true}, 3,
+      {{"ls", locked.path()},
+       {"", "", true},
+       3,
        "cannot open folder " + locked.path() + ": Permission denied"},
-      {{"get", locked.path(), "secret"}, {"", "", true}, 3,
+      {{"get", locked.path(), "secret"},
+       {"", "", true},
+       3,
        "cannot read record 'secret' in " + locked.path() + ": Permission denied"},
-      {{"ls", f}, {"", "/dev/full", false}, 3,
+      {{"ls", f},
+       {"", "/dev/full", false},
+       3,
        "cannot write to standard output: No space left on device"},
-      {{"get", f, "alice"}, {"", "/dev/full", false}, 3,
+      {{"get", f, "alice"},
+       {"", "/dev/full", false},
+       3,
        "cannot write to standard output: No space left on device"},
   };
   for (const auto& c : cases) {
@@ -275,13 +290,14 @@ TEST(LoginStorageToolTest, VersionsOfToolAndLibrary) {
 #else
   const std::string redis = "not built in";
 #endif
-  EXPECT_EQ(tool.out, "loginstorage 5.0.5\n"
-                      "LoginStorage library 5.0.5 (Quillmoor, Quillmoor_Lantern) in " LOGINSTORAGE_PREFIX
-                      "/" LOGINSTORAGE_LIBDIR "/libLoginStorage.so.5\nRedis support: " + redis + "\n");
+  EXPECT_EQ(tool.out,
+            "loginstorage 5.0.5\n"
+            "LoginStorage library 5.0.5 (Quillmoor, Quillmoor_Lantern) in " LOGINSTORAGE_PREFIX
+            "/" LOGINSTORAGE_LIBDIR "/libLoginStorage.so.5\nRedis support: " +
+                redis + "\n");
   ToolRun record = runTool({"version", LOGINSTORAGE_LIBRARY_FILE});
   EXPECT_EQ(record.status, 0);
-  EXPECT_NE(record.out.find("Build Number:          979000012\n"), std::string::npos)
-      << record.out;
+  EXPECT_NE(record.out.find("Build Number:          979000012\n"), std::string::npos) << record.out;
   TempFolder folder;
   testsupport::writeFileBytes(folder / "plain", "no block here");
   EXPECT_EQ(runTool({"version", folder / "plain"}).status, 3);

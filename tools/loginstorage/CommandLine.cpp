@@ -20,10 +20,17 @@ bool parseLevel(const std::string& text, int& level) {
 bool parseShortOptions(const std::string& word, CommandLine& line) {
   for (size_t i = 1; i < word.size(); ++i) {
     switch (word[i]) {
-      case 'h': line.help = true; break;
-      case 'l': line.longListing = true; break;
-      case '0': line.nulSeparated = true; break;
-      default: return false;
+      case 'h':
+        line.help = true;
+        break;
+      case 'l':
+        line.longListing = true;
+        break;
+      case '0':
+        line.nulSeparated = true;
+        break;
+      default:
+        return false;
     }
   }
   return true;

@@ -15,14 +15,14 @@ struct CommandLine {
   std::string command;
   std::vector<std::string> operands;
   bool help = false;
-  bool version = false;      // --version
-  bool longListing = false;  // ls -l
-  bool nulSeparated = false; // ls -0
-  bool json = false;         // ls --json, stat --json
-  bool hex = false;          // get --hex
-  bool yes = false;          // clear --yes
-  bool rawKey = false;       // --raw-key
-  int traceLevel = 0;        // --trace LEVEL
+  bool version = false;       // --version
+  bool longListing = false;   // ls -l
+  bool nulSeparated = false;  // ls -0
+  bool json = false;          // ls --json, stat --json
+  bool hex = false;           // get --hex
+  bool yes = false;           // clear --yes
+  bool rawKey = false;        // --raw-key
+  int traceLevel = 0;         // --trace LEVEL
 };
 
 // Parses argv. On a usage error returns false and sets error to a one-line

@@ -99,8 +99,8 @@ int openLocation(const std::string& text, bool createFolder, Location& location)
     location.store.reset(location.redis);
     return kSuccess;
 #else
-    return fail(kUsage, "cannot open " + escapeKey(parsed.display()) +
-                            ": this build has no Redis support");
+    return fail(kUsage,
+                "cannot open " + escapeKey(parsed.display()) + ": this build has no Redis support");
 #endif
   }
   location.folder = text.empty() ? std::string(".") : text;
@@ -146,8 +146,8 @@ int readFailure(const Location& location, const std::string& key) {
     if (cause.empty()) return fail(kMissing, "no record " + what);
     return fail(kFailure, "cannot read record " + what + ": " + cause);
   }
-  const int fd = ::open(location.recordPath(key).c_str(),
-                        O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  const int fd =
+      ::open(location.recordPath(key).c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (fd < 0) {
     if (errno == ENOENT || errno == ENOTDIR) return fail(kMissing, "no record " + what);
     return fail(kFailure, "cannot read record " + what + ": " + systemError(errno));
@@ -290,10 +290,11 @@ std::string listingLine(const CommandLine& line, const Listed& record, OwnerName
       text += ",\"size\":" + std::to_string(record.size);
       if (record.info != nullptr) {
         char mode[8];
-        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(record.info->st_mode & 07777));
-        text += ",\"mode\":\"" + std::string(mode) + "\",\"uid\":" +
-                std::to_string(record.info->st_uid) + ",\"owner\":" +
-                jsonString(owners(record.info->st_uid)) +
+        std::snprintf(mode, sizeof mode, "%04o",
+                      static_cast<unsigned>(record.info->st_mode & 07777));
+        text += ",\"mode\":\"" + std::string(mode) +
+                "\",\"uid\":" + std::to_string(record.info->st_uid) +
+                ",\"owner\":" + jsonString(owners(record.info->st_uid)) +
                 ",\"mtime\":" + std::to_string(static_cast<long long>(record.info->st_mtime));
       }
     }
@@ -410,9 +411,8 @@ int putRecord(const CommandLine& line) {
   if (location.store->setRaw(key, bytes.data(), static_cast<unsigned>(bytes.size()), 0)) {
     return kSuccess;
   }
-  const std::string cause = location.isFolder()
-                                ? writeFailureCause(location, key, bytes.size())
-                                : failureCause(location);
+  const std::string cause =
+      location.isFolder() ? writeFailureCause(location, key, bytes.size()) : failureCause(location);
   return fail(kFailure, "cannot store " + quoted(key) + " in " + location.name + ": " + cause);
 }
 
@@ -512,8 +512,8 @@ int showStatistics(const CommandLine& line) {
            "\n";
     if (location.isFolder()) {
       text += "abandoned temporary files: " + std::to_string(scan.abandoned().size()) + " (" +
-              std::to_string(abandonedBytes) + " bytes)\ntemporary files in progress: " +
-              std::to_string(scan.inProgress()) + "\n";
+              std::to_string(abandonedBytes) +
+              " bytes)\ntemporary files in progress: " + std::to_string(scan.inProgress()) + "\n";
     }
   }
   Output out;

@@ -87,7 +87,8 @@ bool FolderScan::scan(const std::string& folder, bool withStat, Progress* progre
     if (::fstatat(fd, name, &found.info, 0) != 0) {
       if (isNotARecord(errno)) continue;
       ok = false;
-      error = systemError("cannot examine '" + escapeKey(name) + "' in " + escapeKey(folder), errno);
+      error =
+          systemError("cannot examine '" + escapeKey(name) + "' in " + escapeKey(folder), errno);
       break;
     }
     if (S_ISREG(found.info.st_mode)) m_records.push_back(std::move(found));

@@ -50,11 +50,20 @@ std::string escapeKey(const std::string& key) {
   for (const char c : key) {
     const unsigned char byte = static_cast<unsigned char>(c);
     switch (c) {
-      case '\\': out += "\\\\"; continue;
-      case '\n': out += "\\n"; continue;
-      case '\t': out += "\\t"; continue;
-      case '\r': out += "\\r"; continue;
-      default: break;
+      case '\\':
+        out += "\\\\";
+        continue;
+      case '\n':
+        out += "\\n";
+        continue;
+      case '\t':
+        out += "\\t";
+        continue;
+      case '\r':
+        out += "\\r";
+        continue;
+      default:
+        break;
     }
     if (byte >= 0x20 && byte <= 0x7E) {
       out += c;

@@ -48,7 +48,8 @@ bool percentDecode(const std::string& text, std::string& out, std::string& error
 // A decimal number of 1 to 9 digits within [minimum, maximum].
 bool parseNumber(const std::string& text, unsigned long minimum, unsigned long maximum,
                  unsigned& value) {
-  if (text.empty() || text.size() > 9 || text.find_first_not_of("0123456789") != std::string::npos) {
+  if (text.empty() || text.size() > 9 ||
+      text.find_first_not_of("0123456789") != std::string::npos) {
     return false;
   }
   const unsigned long number = std::strtoul(text.c_str(), nullptr, 10);
@@ -208,8 +209,8 @@ bool RedisLocation::parse(const std::string& text, std::string& error) {
         if (!parseAddress(one, kSentinelPort, address, error)) return false;
         m_options.sentinels.push_back(address);
       }
-      if (path.empty() || path.size() > 2 ||
-          !percentDecode(path[0], m_options.masterName, error) || m_options.masterName.empty() ||
+      if (path.empty() || path.size() > 2 || !percentDecode(path[0], m_options.masterName, error) ||
+          m_options.masterName.empty() ||
           (path.size() == 2 && !parseDatabase(path[1], m_options.database, error))) {
         if (error.empty()) error = "redis-sentinel:// needs /MASTERNAME[/DB] after the sentinels";
         return false;

@@ -81,8 +81,9 @@ const char kUsage[] =
     "LOCATION is a storage folder or, in builds with the Redis store, one of\n"
     "  redis://[[USER]:PASSWORD@]HOST[:PORT][/DB][?prefix=PREFIX]\n"
     "  unix://[[USER]:PASSWORD@]/PATH/TO/SOCKET[?db=DB&prefix=PREFIX]\n"
-    "  redis-sentinel://[[USER]:PASSWORD@]HOST[:PORT][,HOST[:PORT]...]/MASTER[/DB][?prefix=PREFIX]\n"
-    "(also ?timeout=MS and ?sentinel_password=P; parts percent-decoded). Without a\n"
+    "  redis-sentinel://[[USER]:PASSWORD@]SENTINELS/MASTER[/DB][?prefix=PREFIX]\n"
+    "with SENTINELS as HOST[:PORT],HOST[:PORT]... (also ?timeout=MS and\n"
+    "?sentinel_password=P; all parts percent-decoded). Without a\n"
     "password in LOCATION, $LOGINSTORAGE_REDIS_PASSWORD, else $REDISCLI_AUTH, gives\n"
     "it; a password on the command line is visible to other users.\n"
     "\n"
@@ -127,5 +128,6 @@ int main(int argc, char** argv) {
     setUpTracing(line.traceLevel);
     return command.run(line);
   }
-  return tool::fail(tool::kUsage, "unknown command '" + tool::escapeKey(line.command) + "' (see --help)");
+  return tool::fail(tool::kUsage,
+                    "unknown command '" + tool::escapeKey(line.command) + "' (see --help)");
 }
