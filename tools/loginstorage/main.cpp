@@ -96,7 +96,7 @@ const char kUsage[] =
     "  --help          this text, or a command's own with COMMAND --help\n"
     "  --              ends the options (for keys that begin with \"-\")\n"
     "\n"
-    "Progress is shown on standard error during long operations when it is a terminal.\n"
+    "Long operations show their progress on standard error when it is a terminal.\n"
     "\n"
     "Exit status: 0 success, 1 a record missing, 2 usage error, 3 any other failure\n"
     "(file system, permission, server, or a failed write to standard output).\n";
