@@ -134,7 +134,7 @@ void setDurableWrites(bool on) { g_durableWrites.store(on, std::memory_order_rel
 bool durableWrites() { return g_durableWrites.load(std::memory_order_relaxed); }
 
 bool isTemporaryFileName(const char* name) {
-  unsigned long pid = 0;
+  unsigned long long pid = 0;
   return temporary_file_name::parse(name, &pid);
 }
 

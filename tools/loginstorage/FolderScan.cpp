@@ -73,7 +73,7 @@ bool FolderScan::scan(const std::string& folder, bool withStat, Progress* progre
       }
       continue;
     }
-    unsigned long pid = 0;
+    unsigned long long pid = 0;
     if (tmpname::parse(name, &pid)) {
       ++m_inProgress;
       continue;
