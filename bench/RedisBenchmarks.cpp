@@ -4,7 +4,10 @@
 // alternate with blocks of the same command sent through bare hiredis on a
 // connection of its own, on the same records, so that the ratio shows what
 // the store adds to the round trip. A cache miss through the whole object
-// stack is set beside the same stack over the folder store.
+// stack is set beside the same stack over the folder store. Reads and writes
+// are measured again on a server that requires a password (the store and the
+// floor both authenticated) and with the store finding its server through a
+// sentinel.
 //
 // When redis-server is not on the PATH the benchmarks are not registered; a
 // note on stderr says so. (Without hiredis this file is not built at all.)
@@ -92,9 +95,29 @@ Context connectTo(unsigned port) {
 // killed.
 class Server {
  public:
-  Server() : m_folder(bench::freshFolder()), m_port(freeLoopbackPort()) {
+  // A server with these extra arguments, or with sentinelOf non-zero a
+  // sentinel monitoring the server on that port as "bench".
+  explicit Server(std::vector<std::string> extra = {}, unsigned sentinelOf = 0)
+      : m_folder(bench::freshFolder()), m_port(freeLoopbackPort()) {
     const std::string port = std::to_string(m_port);
     const std::string log = m_folder + "server.log";
+    std::vector<std::string> arguments{"redis-server"};
+    if (sentinelOf != 0) {
+      const std::string config = m_folder + "sentinel.conf";
+      std::FILE* file = std::fopen(config.c_str(), "w");
+      if (file == nullptr) throw std::runtime_error("cannot write " + config);
+      std::fprintf(file, "port %s\nbind 127.0.0.1\ndir %s\nsentinel monitor bench 127.0.0.1 %u 1\n",
+                   port.c_str(), m_folder.c_str(), sentinelOf);
+      std::fclose(file);
+      arguments.insert(arguments.end(), {config, "--sentinel"});
+    } else {
+      arguments.insert(arguments.end(), {"--port", port, "--bind", "127.0.0.1", "--save", "",
+                                         "--appendonly", "no", "--dir", m_folder});
+      arguments.insert(arguments.end(), extra.begin(), extra.end());
+    }
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
     const pid_t parent = ::getpid();
     m_pid = ::fork();
     if (m_pid < 0) throw std::runtime_error("cannot fork");
@@ -103,9 +126,7 @@ class Server {
       if (::getppid() != parent) ::_exit(1);
       std::freopen(log.c_str(), "ab", stdout);
       std::freopen(log.c_str(), "ab", stderr);
-      ::execlp("redis-server", "redis-server", "--port", port.c_str(), "--bind", "127.0.0.1",
-               "--save", "", "--appendonly", "no", "--dir", m_folder.c_str(),
-               static_cast<char*>(nullptr));
+      ::execvp("redis-server", argv.data());
       ::_exit(127);
     }
     // Up to ten seconds until it answers; it usually takes a few milliseconds.
@@ -115,8 +136,9 @@ class Server {
         throw std::runtime_error("redis-server exited at once; see " + log);
       }
       if (Context context = connectTo(m_port)) {
+        // Up when it answers, if only that a password is wanted.
         Reply pong(static_cast<redisReply*>(redisCommand(context.get(), "PING")));
-        if (pong && pong->type == REDIS_REPLY_STATUS) return;
+        if (pong) return;
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
@@ -147,6 +169,21 @@ Server& server() {
   return instance;
 }
 
+const char kPassword[] = "bench-password";
+
+Server& authServer() {
+  static Server instance({"--requirepass", kPassword});
+  return instance;
+}
+
+Server& sentinel() {
+  static Server instance({}, server().port());
+  return instance;
+}
+
+// How the store reaches its server: directly, with AUTH, through a sentinel.
+enum class Setup { Plain, Auth, Sentinel };
+
 // kRecords records of size bytes under kPrefix, a store over them and a bare
 // connection beside it.
 struct Records {
@@ -154,8 +191,15 @@ struct Records {
   std::vector<std::string> fullKeys;
   Context bare;
 
-  explicit Records(size_t size) : bare(connectTo(server().port())) {
+  Setup setup;
+
+  explicit Records(size_t size, Setup how = Setup::Plain)
+      : bare(connectTo(how == Setup::Auth ? authServer().port() : server().port())), setup(how) {
     if (!bare) throw std::runtime_error("cannot connect to redis-server");
+    if (setup == Setup::Auth) {
+      Reply ok(static_cast<redisReply*>(redisCommand(bare.get(), "AUTH %s", kPassword)));
+      if (!ok || ok->type != REDIS_REPLY_STATUS) throw std::runtime_error("AUTH failed");
+    }
     const std::string bytes = bench::recordBytes(size, 1);
     for (const std::string& key : keys) {
       fullKeys.push_back(kPrefix + key);
@@ -167,7 +211,19 @@ struct Records {
   }
 
   RedisStorage* store() const {
-    return new RedisStorage("127.0.0.1", server().port(), kPrefix, kTimeoutMs);
+    RedisOptions options;
+    options.prefix = kPrefix;
+    options.timeoutMs = kTimeoutMs;
+    if (setup == Setup::Auth) {
+      options.port = authServer().port();
+      options.password = kPassword;
+    } else if (setup == Setup::Sentinel) {
+      options.sentinels = {{"127.0.0.1", sentinel().port()}};
+      options.masterName = "bench";
+    } else {
+      options.port = server().port();
+    }
+    return new RedisStorage(options);
   }
 
   // The floor: one command on the bare connection, its reply freed.
@@ -213,8 +269,9 @@ void paired(benchmark::State& state, size_t block, Fns... fns) {
 
 constexpr size_t kBlock = 16;
 
+template <Setup How>
 void redisGet(benchmark::State& state) {
-  Records records(static_cast<size_t>(state.range(0)));
+  Records records(static_cast<size_t>(state.range(0)), How);
   std::unique_ptr<RedisStorage> store(records.store());
   const unsigned maxLen = store->getMaxRecordLen();
   size_t i = 0;
@@ -236,9 +293,9 @@ void redisGet(benchmark::State& state) {
 }
 
 // SET, with a time to live of expiration seconds when it is not 0.
-void redisSet(benchmark::State& state, unsigned expiration) {
+void redisSet(benchmark::State& state, unsigned expiration, Setup how = Setup::Plain) {
   const size_t size = static_cast<size_t>(state.range(0));
-  Records records(size);
+  Records records(size, how);
   std::unique_ptr<RedisStorage> store(records.store());
   const std::string bytes = bench::recordBytes(size, 2);
   size_t i = 0;
@@ -265,6 +322,8 @@ void redisSet(benchmark::State& state, unsigned expiration) {
 
 void redisSetPersistent(benchmark::State& state) { redisSet(state, 0); }
 void redisSetExpiring(benchmark::State& state) { redisSet(state, 60); }
+void redisSetAuth(benchmark::State& state) { redisSet(state, 0, Setup::Auth); }
+void redisSetSentinel(benchmark::State& state) { redisSet(state, 0, Setup::Sentinel); }
 
 // A cache miss through CacheStorage -> ObjectStorage -> raw store: a lifetime
 // of -1 makes every cached record stale, so each get goes down to the store
@@ -320,7 +379,9 @@ void guarded(benchmark::State& state) {
     return false;
   }
   for (int64_t size : {100, 4096}) {
-    benchmark::RegisterBenchmark("paired:redis_get", guarded<redisGet>)->Arg(size)->UseRealTime();
+    benchmark::RegisterBenchmark("paired:redis_get", guarded<redisGet<Setup::Plain>>)
+        ->Arg(size)
+        ->UseRealTime();
     benchmark::RegisterBenchmark("paired:redis_set", guarded<redisSetPersistent>)
         ->Arg(size)
         ->UseRealTime();
@@ -328,6 +389,18 @@ void guarded(benchmark::State& state) {
         ->Arg(size)
         ->UseRealTime();
     benchmark::RegisterBenchmark("paired:redis_stack_get_cold", guarded<redisStackGetCold>)
+        ->Arg(size)
+        ->UseRealTime();
+    benchmark::RegisterBenchmark("paired:redis_get_auth", guarded<redisGet<Setup::Auth>>)
+        ->Arg(size)
+        ->UseRealTime();
+    benchmark::RegisterBenchmark("paired:redis_set_auth", guarded<redisSetAuth>)
+        ->Arg(size)
+        ->UseRealTime();
+    benchmark::RegisterBenchmark("paired:redis_get_sentinel", guarded<redisGet<Setup::Sentinel>>)
+        ->Arg(size)
+        ->UseRealTime();
+    benchmark::RegisterBenchmark("paired:redis_set_sentinel", guarded<redisSetSentinel>)
         ->Arg(size)
         ->UseRealTime();
   }

@@ -385,6 +385,10 @@ def redis_tables(r):
             ("RedisStorage::getRaw", "get", "GET"),
             ("RedisStorage::setRaw, no expiry", "set", "SET"),
             ("RedisStorage::setRaw, expiration 60", "set_ex", "SET … EX 60"),
+            ("RedisStorage::getRaw with AUTH", "get_auth", "GET, authenticated"),
+            ("RedisStorage::setRaw with AUTH", "set_auth", "SET, authenticated"),
+            ("RedisStorage::getRaw through Sentinel", "get_sentinel", "GET"),
+            ("RedisStorage::setRaw through Sentinel", "set_sentinel", "SET"),
             ("cached stack get, cold (Redis behind)", "stack_get_cold", "GET")):
         for size in REDIS_SIZES:
             name = f"paired:redis_{op}/{size}"

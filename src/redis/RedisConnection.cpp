@@ -60,8 +60,8 @@ bool RedisConnection::resolveMaster(std::string& host, unsigned& port) {
     const RedisAddress& sentinel = m_options.sentinels[index];
     const std::string name = sentinel.host + ":" + std::to_string(sentinel.port);
     // A sentinel that hangs may take its share of the time, not all of it.
-    const Clock::time_point deadline = Clock::now() + (m_deadline - Clock::now()) /
-                                                          static_cast<long>(count - tried);
+    const Clock::time_point deadline =
+        Clock::now() + (m_deadline - Clock::now()) / static_cast<long>(count - tried);
     RedisLink link;
     if (!link.open(sentinel.host, sentinel.port, "", deadline, cause)) {
       cause = "sentinel " + name + ": " + cause;
@@ -118,9 +118,9 @@ bool RedisConnection::resolveMaster(std::string& host, unsigned& port) {
 
 bool RedisConnection::handshake(bool mustBeMaster) {
   if (!m_options.password.empty()) {
-    const RedisReply* reply =
-        m_options.user.empty() ? run({"AUTH", m_options.password}, kSmallReply)
-                               : run({"AUTH", m_options.user, m_options.password}, kSmallReply);
+    const RedisReply* reply = m_options.user.empty()
+                                  ? run({"AUTH", m_options.password}, kSmallReply)
+                                  : run({"AUTH", m_options.user, m_options.password}, kSmallReply);
     if (reply == nullptr) return false;
   }
   if (m_options.database != 0) {
@@ -177,7 +177,8 @@ const RedisReply* RedisConnection::run(const std::string_view* args, size_t coun
 
 bool RedisConnection::confirmWrite() {
   if (m_options.waitReplicas == 0) return true;
-  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(m_deadline - Clock::now());
+  const auto left =
+      std::chrono::duration_cast<std::chrono::milliseconds>(m_deadline - Clock::now());
   // The server answers WAIT when its time is up; some of the deadline stays
   // for that answer to arrive. WAIT 0 would wait for ever.
   const long long margin = left.count() / 4 < 100 ? left.count() / 4 : 100;

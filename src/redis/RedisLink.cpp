@@ -4,6 +4,7 @@
 #include <hiredis/hiredis.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 
 #include <cstring>
 #include <new>
@@ -23,8 +24,7 @@ std::string describe(int error) { return std::strerror(error); }
 
 bool RedisLink::await(short events, Clock::time_point deadline) {
   for (;;) {
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     if (left <= 0) return false;
     pollfd target{m_fd, events, 0};
     const int ready = ::poll(&target, 1, left > 60000 ? 60000 : static_cast<int>(left));
@@ -40,11 +40,17 @@ bool RedisLink::open(const std::string& host, unsigned port, const std::string& 
     error = "cannot connect: port " + std::to_string(port) + " out of range";
     return false;
   }
+  // hiredis would cut a longer path short and connect to another socket.
+  if (unixSocket.size() >= sizeof(sockaddr_un::sun_path)) {
+    error = "cannot connect: unix socket path too long";
+    return false;
+  }
   redisContext* context = unixSocket.empty()
                               ? redisConnectNonBlock(host.c_str(), static_cast<int>(port))
                               : redisConnectUnixNonBlock(unixSocket.c_str());
   if (context == nullptr || context->err != 0) {
-    error = std::string("cannot connect: ") + (context != nullptr ? context->errstr : "out of memory");
+    error =
+        std::string("cannot connect: ") + (context != nullptr ? context->errstr : "out of memory");
     if (context != nullptr) redisFree(context);
     return false;
   }
@@ -143,8 +149,8 @@ bool RedisLink::receive(std::string_view command, Clock::time_point deadline, st
 }
 
 const RedisReply* RedisLink::exchange(const std::string_view* args, size_t count,
-                                      const RedisReply::Limits& limits,
-                                      Clock::time_point deadline, std::string& error) {
+                                      const RedisReply::Limits& limits, Clock::time_point deadline,
+                                      std::string& error) {
   if (!isOpen()) {
     error = std::string(args[0]) + " failed: not connected";
     return nullptr;

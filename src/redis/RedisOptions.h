@@ -54,7 +54,8 @@ struct RedisOptions {
   // of every reply. 0 means 1000.
   unsigned timeoutMs = 1000;
   // The time a walk over the records (an iteration, delAll(),
-  // getNumElements()) may take in all, in milliseconds; 0: 60 000.
+  // getNumElements()) may spend in SCAN calls in all, in milliseconds;
+  // 0 means 60 000.
   unsigned walkTimeoutMs = 60000;
 
   // Non-zero: a write (setRaw, setExpiration, del, delAll) succeeds only

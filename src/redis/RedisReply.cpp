@@ -80,8 +80,9 @@ RedisReply::Progress RedisReply::parse(const char* data, size_t size) {
     return invalid("a reply above " + std::to_string(m_limits.maxBytes) + " bytes");
   }
   while (m_entries.empty() || !m_open.empty()) {
-    const char* line = data + m_pos;
     const size_t available = size - m_pos;
+    if (available == 0) return Progress::Incomplete;
+    const char* line = data + m_pos;
     const size_t window = available < kMaxLine + 2 ? available : kMaxLine + 2;
     const char* newline = static_cast<const char*>(std::memchr(line, '\n', window));
     if (newline == nullptr) {

@@ -33,9 +33,9 @@
 //
 // Bounds: each operation has one deadline, the timeout, for connecting
 // (sentinels included), sending and every read of its replies; a walk
-// (iteration, delAll(), getNumElements()) spends at most the walk time of
-// the options on the server in all and stops on a SCAN cursor that keeps
-// coming back. A reply is bounded before memory is taken for it.
+// (iteration, delAll(), getNumElements()) spends at most walkTimeoutMs of
+// the options in SCAN calls and stops on a SCAN cursor that keeps coming
+// back. A reply is bounded before memory is taken for it.
 //
 // After a failed or broken connection, a timeout, a READONLY or a MASTERDOWN
 // reply, the next operation connects again (asking the sentinels anew), so a
