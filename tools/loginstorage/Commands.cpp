@@ -172,10 +172,10 @@ std::string writeFailureCause(const Location& location, const std::string& key, 
   if (::access(location.folder.c_str(), W_OK | X_OK) != 0) return systemError(errno);
   const int fd = ::open(location.folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
   if (fd < 0) return systemError(errno);
-  int error = 0;
-  if (::posix_fallocate(fd, 0, static_cast<off_t>(size)) != 0 && errno != EOPNOTSUPP) {
-    error = errno;
-  }
+  // posix_fallocate returns its error rather than setting errno; a file
+  // system that cannot reserve space says nothing about the failed write.
+  int error = ::posix_fallocate(fd, 0, static_cast<off_t>(size));
+  if (error == EOPNOTSUPP || error == EINVAL) error = 0;
   ::close(fd);  // the file had no name: it is gone
   return error != 0 ? systemError(error) : "the write failed (see --trace 2)";
 }
