@@ -15,6 +15,7 @@
 
 #include "platform/Durability.h"
 #include "platform/FileSystem.h"
+#include "platform/TemporaryFileName.h"
 #include "storage/Exception.h"
 
 namespace {
@@ -41,37 +42,14 @@ std::string folderOf(const std::string& path) {
   return slash == std::string::npos ? std::string("./") : path.substr(0, slash + 1);
 }
 
-constexpr char kTemporaryPrefix[] = ".lstmp-";
-
 // A hidden name for a temporary file, unique within this process and, by the
 // process id, among live processes.
 void appendTemporaryName(std::string& folder) {
   char name[64];
-  std::snprintf(name, sizeof name, "%s%ld-%u", kTemporaryPrefix, static_cast<long>(::getpid()),
+  std::snprintf(name, sizeof name, "%s%ld-%u", VelLogin::temporary_file_name::kPrefix,
+                static_cast<long>(::getpid()),
                 g_temporaryCounter.fetch_add(1, std::memory_order_relaxed));
   folder += name;
-}
-
-// Reads the decimal number at text (1 to 10 digits) into value; the first
-// character after it, or null when there is no such number.
-const char* digits(const char* text, unsigned long long* value) {
-  const char* p = text;
-  *value = 0;
-  for (; *p >= '0' && *p <= '9'; ++p) {
-    if (p - text == 10) return nullptr;
-    *value = *value * 10 + static_cast<unsigned long long>(*p - '0');
-  }
-  return p == text ? nullptr : p;
-}
-
-// True when name is exactly a temporary name; pid is then its writer's.
-bool parseTemporaryName(const char* name, unsigned long long* pid) {
-  if (std::strncmp(name, kTemporaryPrefix, sizeof kTemporaryPrefix - 1) != 0) return false;
-  unsigned long long counter = 0;
-  const char* p = digits(name + sizeof kTemporaryPrefix - 1, pid);
-  if (p == nullptr || *p != '-') return false;
-  p = digits(p + 1, &counter);
-  return p != nullptr && *p == '\0';
 }
 
 // Keeps SIGXFSZ from this thread while it writes under a file-size limit:
@@ -150,15 +128,11 @@ bool durableWrites() { return g_durableWrites.load(std::memory_order_relaxed); }
 
 bool isTemporaryFileName(const char* name) {
   unsigned long long pid = 0;
-  return parseTemporaryName(name, &pid);
+  return temporary_file_name::parse(name, &pid);
 }
 
 bool isAbandonedTemporaryFileName(const char* name) {
-  unsigned long long pid = 0;
-  if (!parseTemporaryName(name, &pid)) return false;
-  // No process has id 0 or one beyond pid_t: no writer will come back.
-  if (pid == 0 || pid > 0x7FFFFFFFull) return true;
-  return ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH;
+  return temporary_file_name::isAbandoned(name);
 }
 
 WholeFileReader::WholeFileReader(const std::string& path) noexcept

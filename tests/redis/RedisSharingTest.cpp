@@ -106,35 +106,4 @@ TEST_F(RedisSharingTest, TheCachedObjectStackWorksUnchanged) {
   EXPECT_EQ(server.command({"EXISTS", "sessions:alice"}), ":0");
 }
 
-#ifdef LOGINSTORAGE_TOOL
-// The tool as a process of its own, input on its standard input: exit
-// status and standard output+error.
-std::pair<int, std::string> runTool(const std::string& args, const std::string& input = "") {
-  const std::string line = "printf '" + input + "' | " LOGINSTORAGE_TOOL " " + args + " 2>&1";
-  std::FILE* pipe = popen(line.c_str(), "r");
-  std::string out;
-  char chunk[4096];
-  for (size_t got; (got = std::fread(chunk, 1, sizeof chunk, pipe)) > 0;) out.append(chunk, got);
-  const int status = pclose(pipe);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
-}
-
-TEST_F(RedisSharingTest, TheToolTakesRedisLocations) {
-  const std::string at = "redis://127.0.0.1:" + std::to_string(server.port()) + "/tool: ";
-  EXPECT_EQ(runTool("put " + at + "a/b").first, 1);  // empty: refused
-  EXPECT_EQ(runTool("put " + at + "a/b", "x\\000").first, 0);
-  EXPECT_EQ(runTool("put " + at + "c", "yz").first, 0);
-  EXPECT_EQ(server.command({"GET", "tool:a/b"}), std::string("x\0", 2));
-  EXPECT_EQ(runTool("get " + at + "c"), std::make_pair(0, std::string("yz")));
-  EXPECT_EQ(runTool("ls " + at), std::make_pair(0, std::string("         2  a/b\n         2  c\n")));
-  EXPECT_EQ(runTool("rm " + at + "c").first, 0);
-  EXPECT_EQ(runTool("rm " + at + "c").first, 1);
-  EXPECT_EQ(runTool("clear --yes " + at).first, 0);
-  EXPECT_EQ(server.command({"DBSIZE"}), ":0");
-  EXPECT_EQ(runTool("ls redis://127.0.0.1:x/p"),
-            std::make_pair(1, std::string("loginstorage: bad location 'redis://127.0.0.1:x/p' "
-                                          "(expected redis://HOST:PORT/PREFIX)\n")));
-}
-#endif
-
 }  // namespace

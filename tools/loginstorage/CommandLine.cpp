@@ -2,6 +2,8 @@
 
 #include <cstdlib>
 
+#include "KeyText.h"
+
 namespace tool {
 
 namespace {
@@ -12,6 +14,25 @@ bool parseLevel(const std::string& text, int& level) {
   long value = std::strtol(text.c_str(), &end, 10);
   if (*end != '\0' || value < 0 || value > 10) return false;
   level = static_cast<int>(value);
+  return true;
+}
+
+bool parseShortOptions(const std::string& word, CommandLine& line) {
+  for (size_t i = 1; i < word.size(); ++i) {
+    switch (word[i]) {
+      case 'h':
+        line.help = true;
+        break;
+      case 'l':
+        line.longListing = true;
+        break;
+      case '0':
+        line.nulSeparated = true;
+        break;
+      default:
+        return false;
+    }
+  }
   return true;
 }
 
@@ -29,10 +50,12 @@ bool parseCommandLine(int argc, char** argv, CommandLine& line, std::string& err
       }
     } else if (word == "--") {
       optionsEnded = true;
-    } else if (word == "-h" || word == "--help") {
+    } else if (word == "--help") {
       line.help = true;
-    } else if (word == "-l") {
-      line.longListing = true;
+    } else if (word == "--version") {
+      line.version = true;
+    } else if (word == "--json") {
+      line.json = true;
     } else if (word == "--hex") {
       line.hex = true;
     } else if (word == "--yes") {
@@ -45,8 +68,8 @@ bool parseCommandLine(int argc, char** argv, CommandLine& line, std::string& err
         return false;
       }
       ++i;
-    } else {
-      error = "unknown option '" + word + "'";
+    } else if (word[1] == '-' || !parseShortOptions(word, line)) {
+      error = "unknown option '" + escapeKey(word) + "' (see --help)";
       return false;
     }
   }
