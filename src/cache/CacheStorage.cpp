@@ -120,7 +120,7 @@ bool CacheStorage::getNextInternal(std::string& key, char*& data, unsigned& len,
   return m_storage->getNextInternal(key, data, len, endReached);
 }
 
-RefCountPtr<IStorable> CacheStorage::get(const std::string& key, FactoryFunc factory) {
+__attribute__((flatten)) RefCountPtr<IStorable> CacheStorage::get(const std::string& key, FactoryFunc factory) {
   LS_TRACE_ENTRY("get");
   cleanup();
   // Looked up once: the result also decides between adding and updating.

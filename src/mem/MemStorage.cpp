@@ -119,7 +119,7 @@ bool MemStorage::getNextInternal(std::string&, char*&, unsigned&, bool&) {
   return false;
 }
 
-RefCountPtr<IStorable> MemStorage::get(const std::string& key, FactoryFunc) {
+__attribute__((flatten)) RefCountPtr<IStorable> MemStorage::get(const std::string& key, FactoryFunc) {
   LS_TRACE_ENTRY("get");
   LS_TRACE_STREAM(3, "[MEMSTORAGE] getting key '" << key << "'");
   auto found = m_records.find(key);
