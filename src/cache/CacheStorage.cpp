@@ -120,7 +120,10 @@ bool CacheStorage::getNextInternal(std::string& key, char*& data, unsigned& len,
   return m_storage->getNextInternal(key, data, len, endReached);
 }
 
-__attribute__((flatten)) RefCountPtr<IStorable> CacheStorage::get(const std::string& key, FactoryFunc factory) {
+// Flattened, like MemStorage::get: the record's tests are inlined into the
+// hit path.
+__attribute__((flatten)) RefCountPtr<IStorable> CacheStorage::get(const std::string& key,
+                                                                  FactoryFunc factory) {
   LS_TRACE_ENTRY("get");
   cleanup();
   // Looked up once: the result also decides between adding and updating.
