@@ -81,6 +81,7 @@ LS_TRACE_COLD inline void finishStreamLine(const char* topic, int severity) {
   if (g_MsgTypeMaxThr >= 4) tderrorFunc(topic, severity, 0, "%s", log_msg.str().c_str());
 }
 
+// The entry line "[S] L: begin" on topic "COVERAGE".
 LS_TRACE_COLD inline void writeEntryLine(const char* label) {
   startStreamLine(kEntrySeverityName, "COVERAGE", label) << "begin";
   finishStreamLine("COVERAGE", 0);
