@@ -120,7 +120,10 @@ bool CacheStorage::getNextInternal(std::string& key, char*& data, unsigned& len,
   return m_storage->getNextInternal(key, data, len, endReached);
 }
 
-RefCountPtr<IStorable> CacheStorage::get(const std::string& key, FactoryFunc factory) {
+// Flattened, like MemStorage::get: the record's tests are inlined into the
+// hit path.
+__attribute__((flatten)) RefCountPtr<IStorable> CacheStorage::get(const std::string& key,
+                                                                  FactoryFunc factory) {
   LS_TRACE_ENTRY("get");
   cleanup();
   // Looked up once: the result also decides between adding and updating.
@@ -145,12 +148,16 @@ RefCountPtr<IStorable> CacheStorage::get(const std::string& key, FactoryFunc fac
     ++m_counters.backingReadFailures;
     return res;
   }
+  // The backing read may have called back into this cache (a factory that
+  // loads or stores a related object) and so run a sweep: the record found
+  // above may be gone. It still decides the message; the table is looked up
+  // again.
   if (record == nullptr) {
     LS_TRACE_MSG(3, "adding new cache record key=%s", key.c_str());
     m_records[key] = CacheRecord(m_lifetime, res);
   } else {
     LS_TRACE_MSG(3, "update cache record key=%s", key.c_str());
-    record->set(m_lifetime, res);
+    m_records[key].set(m_lifetime, res);
   }
   return res;
 }

@@ -124,7 +124,8 @@ class LOGINSTORAGE_EXPORT CacheStorage : public AbstractObjectStorage {
   // A fresh cached object for key, or else the backing store's get(key,
   // factory), cached under key when it is not null. A stale record stays when
   // the backing store has nothing. factory is passed through, never called
-  // by the cache.
+  // by the cache; it (and the backing store, in set() too) may call back into
+  // this cache, e.g. to load or store a related object.
   RefCountPtr<IStorable> get(const std::string& key, FactoryFunc factory) override;
   // Writes obj through to the backing store; only if that succeeds, caches it
   // under obj->getKey() for the cache's lifetime (expiration is the backing

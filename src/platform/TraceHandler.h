@@ -9,8 +9,12 @@
 //   }
 //   VelLogin::setTraceHandler(toMyLog, &myLog);
 //
-// The handler is called on the thread that made the storage call, without a
-// lock; it must not call back into the store that is tracing.
+// The handler is called on the thread that made the storage call. Calls never
+// overlap, whichever threads trace: the handler needs no lock of its own, and
+// once setTraceHandler() has returned the old handler is not running and its
+// context may be freed. A handler must not call back into the store that is
+// tracing; lines that stores write on the handler's thread while it runs are
+// dropped, so a handler may keep lines in a store of its own.
 #ifndef LOGINSTORAGE_PLATFORM_TRACEHANDLER_H
 #define LOGINSTORAGE_PLATFORM_TRACEHANDLER_H
 
@@ -31,6 +35,17 @@ typedef void (*TraceHandler)(void* context, const char* topic, int severity,
 // A null handler restores the default one, which writes to stderr.
 LOGINSTORAGE_EXPORT TraceHandler setTraceHandler(TraceHandler handler,
                                                  void* context);
+
+// The current handler (the default one is a function too), and its context in
+// *context unless context is null; so that code that installs a handler for a
+// while can put back exactly what it found:
+//
+//   void* saved;
+//   VelLogin::TraceHandler previous = VelLogin::traceHandler(&saved);
+//   VelLogin::setTraceHandler(mine, &state);
+//   ...
+//   VelLogin::setTraceHandler(previous, saved);
+LOGINSTORAGE_EXPORT TraceHandler traceHandler(void** context);
 
 // Hands a finished line to the current handler, exactly as the library hands
 // its own lines. For companion libraries built on this one (the Redis store)

@@ -10,11 +10,13 @@
 
 // Formats its arguments like printf and hands the result to the current trace
 // handler (VelLogin::setTraceHandler). The third argument is unused (always 0).
+// Handler calls never overlap; a line written on a thread that is inside the
+// handler already is dropped.
 void tderrorFunc(const char* topic, int severity, int zero, const char* format,
                  ...) __attribute__((format(printf, 4, 5)));
 
-// Formats like printf into a buffer of its own; the text stays valid until the
-// next call. Never returns null.
+// Formats like printf into a buffer of the calling thread's own; the text
+// stays valid until the thread's next call. Never returns null.
 const char* tellu_printf(const char* format, ...)
     __attribute__((format(printf, 1, 2)));
 
@@ -28,10 +30,11 @@ void formatInto(std::vector<char>& out, const char* format, va_list args)
 constexpr unsigned kTraceBufferSize = 5632;
 constexpr unsigned kTraceLineMax = kTraceBufferSize - 1;
 
-// Entry lines and stream messages are composed here.
-extern std::ostringstream log_msg;
+// Entry lines and stream messages are composed here. Each thread has its own
+// log_msg and sm_log, so that lines of two threads never mix.
+extern thread_local std::ostringstream log_msg;
 // Formatted messages are composed here.
-extern char sm_log[kTraceBufferSize];
+extern thread_local char sm_log[kTraceBufferSize];
 
 class Demangler {
  public:

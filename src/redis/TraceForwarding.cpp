@@ -10,11 +10,11 @@
 #include "platform/TraceHandler.h"
 #include "platform/TraceSink.h"
 
-std::ostringstream log_msg;
-char sm_log[kTraceBufferSize];
+thread_local std::ostringstream log_msg;
+thread_local char sm_log[kTraceBufferSize];
 
 void tderrorFunc(const char* topic, int severity, int, const char* format, ...) {
-  static std::vector<char> line;
+  std::vector<char> line;  // per call: a line held by a running handler stays put
   va_list args;
   va_start(args, format);
   formatInto(line, format, args);
@@ -23,7 +23,7 @@ void tderrorFunc(const char* topic, int severity, int, const char* format, ...) 
 }
 
 const char* tellu_printf(const char* format, ...) {
-  static std::vector<char> text;
+  thread_local std::vector<char> text;
   va_list args;
   va_start(args, format);
   formatInto(text, format, args);

@@ -39,12 +39,17 @@ class RefCountPtr {
     share();
   }
 
+  // Takes a share of other's object before giving up this pointer's own, so
+  // that other may live inside the object this pointer releases
+  // (`node = node->next` with node holding the last share).
   RefCountPtr& operator=(const RefCountPtr& other) {
     if (&other == this) return *this;
-    release();
+    T* const oldObject = m_object;
+    unsigned* const oldCount = m_count;
     m_object = other.m_object;
     m_count = other.m_count;
     share();
+    if (oldCount != nullptr && --*oldCount == 0) destroy(oldObject, oldCount);
     return *this;
   }
 
@@ -57,7 +62,13 @@ class RefCountPtr {
   // so only call it when this pointer is about to go.
   void release() {
     if (m_count == nullptr) return;
-    if (--*m_count == 0) destroy();
+    if (--*m_count == 0) {
+      T* const object = m_object;
+      unsigned* const count = m_count;
+      m_object = nullptr;
+      m_count = nullptr;
+      destroy(object, count);
+    }
   }
 
   T* get() const { return m_object; }
@@ -85,14 +96,12 @@ class RefCountPtr {
 
   // The last share's cleanup, kept out of line: copies and releases that do
   // not end the object stay small, and compilers do not mistake the shared
-  // counter for freed memory in the code of every copy.
-  __attribute__((noinline)) void destroy() {
-    if (m_object != nullptr) {
-      delete m_object;
-      m_object = nullptr;
-    }
-    delete m_count;
-    m_count = nullptr;
+  // counter for freed memory in the code of every copy. Static, and called
+  // after this pointer has let go of both, so that the object's destructor
+  // may reach this pointer (or free it) without meeting a dangling one.
+  __attribute__((noinline)) static void destroy(T* object, unsigned* count) {
+    delete object;
+    delete count;
   }
 
   T* m_object;

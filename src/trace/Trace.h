@@ -16,12 +16,17 @@
 // With VelLoginDebug::m_printColor the severity colour stands before "[" and
 // the topic colour before the label, each closed by "\033[0m".
 //
+// Stores on different threads may trace at once: labels are computed once
+// under a guard, lines are composed in per-thread buffers, and the sink
+// serialises the handler calls.
+//
 // Private to the library: no installed header includes it.
 #ifndef LOGINSTORAGE_TRACE_TRACE_H
 #define LOGINSTORAGE_TRACE_TRACE_H
 
 #include <cstdio>
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <typeinfo>
 
@@ -52,43 +57,61 @@ inline const char* topicColour(const char* topic) {
 
 // The line-composing helpers run only when a line is written: kept out of
 // line and marked cold, so that a traced method's hot path stays as small as
-// an untraced one's.
+// an untraced one's. They compose in the calling thread's own buffers.
 #define LS_TRACE_COLD __attribute__((cold, noinline))
 
 // Resets log_msg and writes the prefix shared by entry lines and stream
-// messages: "[S] L: ", coloured when asked.
-LS_TRACE_COLD inline void startStreamLine(int severity, const char* topic, const char* label) {
-  log_msg.str(std::string());
+// messages: "[S] L: ", coloured when asked. Returns log_msg.
+LS_TRACE_COLD inline std::ostringstream& startStreamLine(int severity, const char* topic,
+                                                        const char* label) {
+  std::ostringstream& line = log_msg;
+  line.str(std::string());
   if (!VelLoginDebug::m_printColor) {
-    log_msg << "[" << severityName(severity) << "] " << label << ": ";
+    line << "[" << severityName(severity) << "] " << label << ": ";
   } else {
-    log_msg << severityColour(severity) << "[" << severityName(severity) << "] "
-            << kColourReset << topicColour(topic) << label << kColourReset << ": ";
+    line << severityColour(severity) << "[" << severityName(severity) << "] " << kColourReset
+         << topicColour(topic) << label << kColourReset << ": ";
   }
-  log_msg << std::boolalpha;
+  line << std::boolalpha;
+  return line;
+}
+
+// Hands the line composed in log_msg to the sink, if the sink is open.
+LS_TRACE_COLD inline void finishStreamLine(const char* topic, int severity) {
+  if (g_MsgTypeMaxThr >= 4) tderrorFunc(topic, severity, 0, "%s", log_msg.str().c_str());
+}
+
+// The entry line "[S] L: begin" on topic "COVERAGE".
+LS_TRACE_COLD inline void writeEntryLine(const char* label) {
+  startStreamLine(kEntrySeverityName, "COVERAGE", label) << "begin";
+  finishStreamLine("COVERAGE", 0);
 }
 
 // Writes the prefix "[S] L: " of a formatted message into sm_log and returns
 // its length. The reset escape stands before the blank here, unlike in
 // stream lines; readers of existing logs depend on both layouts.
 LS_TRACE_COLD inline size_t startFormattedLine(int severity, const char* label) {
+  char* line = sm_log;
   if (!VelLoginDebug::m_printColor) {
-    std::snprintf(sm_log, kTraceBufferSize, "[%s] %s: ", severityName(severity), label);
+    std::snprintf(line, kTraceBufferSize, "[%s] %s: ", severityName(severity), label);
   } else {
-    std::snprintf(sm_log, kTraceBufferSize, "%s[%s]%s %s%s%s: ", severityColour(severity),
+    std::snprintf(line, kTraceBufferSize, "%s[%s]%s %s%s%s: ", severityColour(severity),
                   severityName(severity), kColourReset, topicColour("STORAGE"), label,
                   kColourReset);
   }
-  return std::strlen(sm_log);
+  return std::strlen(line);
 }
 
-// Appends text to sm_log, cut so that the line never exceeds kTraceLineMax.
-LS_TRACE_COLD inline void appendFormattedText(size_t used, const char* text) {
+// Appends text to sm_log, cut so that the line never exceeds kTraceLineMax,
+// and hands the line to the sink, if the sink is open.
+LS_TRACE_COLD inline void finishFormattedLine(int severity, size_t used, const char* text) {
+  char* line = sm_log;
   size_t room = kTraceLineMax - used;
   size_t length = std::strlen(text);
   if (length > room) length = room;
-  std::memcpy(sm_log + used, text, length);
-  sm_log[used + length] = '\0';
+  std::memcpy(line + used, text, length);
+  line[used + length] = '\0';
+  if (g_MsgTypeMaxThr >= 4) tderrorFunc("STORAGE", severity, 0, "%s", line);
 }
 
 }  // namespace trace
@@ -127,16 +150,13 @@ LS_TRACE_COLD inline void appendFormattedText(size_t used, const char* text) {
   }
 
 // The method's label, computed once per process from the first object that
-// calls it, so an inherited method keeps its first caller's class name.
+// calls it, so an inherited method keeps its first caller's class name. A
+// function-local static: threads that meet it first wait for one another,
+// later calls test the static's guard as they would test a flag.
 #define LS_TRACE_LABEL(typeInfo, methodName)                                     \
   static char ls_traceLabel[Demangler::kLabelSize];                              \
-  static bool ls_traceLabelReady;                                                \
-  static const char* ls_traceDemangled;                                          \
-  if (__builtin_expect(!ls_traceLabelReady, 0)) {                                \
-    ls_traceDemangled = Demangler::demangle((typeInfo).name(), methodName,       \
-                                            ls_traceLabel);                      \
-    ls_traceLabelReady = true;                                                   \
-  }                                                                              \
+  static const char* const ls_traceDemangled =                                   \
+      Demangler::demangle((typeInfo).name(), methodName, ls_traceLabel);         \
   (void)ls_traceDemangled
 
 // Entry line for a method of the class that typeInfo names. Constructors use
@@ -144,12 +164,7 @@ LS_TRACE_COLD inline void appendFormattedText(size_t used, const char* text) {
 #define LS_TRACE_ENTRY_AS(typeInfo, methodName)                                  \
   LS_TRACE_LABEL(typeInfo, methodName);                                          \
   if (__builtin_expect(VelLoginDebug::m_coverage && activate_tellu_debug_output >= 7, 0)) { \
-    ::VelLogin::trace::startStreamLine(::VelLogin::trace::kEntrySeverityName,    \
-                                       "COVERAGE", ls_traceLabel);               \
-    log_msg << "begin";                                                          \
-    if (g_MsgTypeMaxThr >= 4) {                                                  \
-      tderrorFunc("COVERAGE", 0, 0, "%s", log_msg.str().c_str());                \
-    }                                                                            \
+    ::VelLogin::trace::writeEntryLine(ls_traceLabel);                            \
   }                                                                              \
   static_assert(true, "")
 
@@ -161,8 +176,7 @@ LS_TRACE_COLD inline void appendFormattedText(size_t used, const char* text) {
   do {                                                                           \
     if (__builtin_expect(activate_tellu_debug_output > (severity), 0)) {         \
       size_t ls_used = ::VelLogin::trace::startFormattedLine(severity, ls_traceLabel); \
-      ::VelLogin::trace::appendFormattedText(ls_used, tellu_printf(__VA_ARGS__)); \
-      if (g_MsgTypeMaxThr >= 4) tderrorFunc("STORAGE", severity, 0, "%s", sm_log); \
+      ::VelLogin::trace::finishFormattedLine(severity, ls_used, tellu_printf(__VA_ARGS__)); \
     }                                                                            \
   } while (0)
 
@@ -171,11 +185,8 @@ LS_TRACE_COLD inline void appendFormattedText(size_t used, const char* text) {
 #define LS_TRACE_STREAM(severity, pieces)                                        \
   do {                                                                           \
     if (__builtin_expect(activate_tellu_debug_output > (severity), 0)) {         \
-      ::VelLogin::trace::startStreamLine(severity, "STORAGE", ls_traceLabel);    \
-      log_msg << pieces;                                                         \
-      if (g_MsgTypeMaxThr >= 4) {                                                \
-        tderrorFunc("STORAGE", severity, 0, "%s", log_msg.str().c_str());        \
-      }                                                                          \
+      ::VelLogin::trace::startStreamLine(severity, "STORAGE", ls_traceLabel) << pieces; \
+      ::VelLogin::trace::finishStreamLine("STORAGE", severity);                  \
     }                                                                            \
   } while (0)
 

@@ -1,13 +1,14 @@
 #include <cstdarg>
 #include <cstdio>
+#include <mutex>
 #include <string>
 #include <vector>
 
 #include "platform/TraceHandler.h"
 #include "platform/TraceSink.h"
 
-std::ostringstream log_msg;
-char sm_log[kTraceBufferSize];
+thread_local std::ostringstream log_msg;
+thread_local char sm_log[kTraceBufferSize];
 
 namespace {
 
@@ -15,22 +16,51 @@ void writeToStderr(void*, const char*, int, const char* line) {
   std::fprintf(stderr, "%s\n", line);
 }
 
+// Held while the handler runs and while it is replaced: handlers need no lock
+// of their own, and once setTraceHandler() has returned no thread is still in
+// the old handler (whose context the caller may then free).
+std::mutex g_handlerLock;
 VelLogin::TraceHandler g_handler = writeToStderr;
 void* g_handlerContext = nullptr;
+
+// Set while this thread runs the handler. Lines that a handler causes (it
+// keeps lines in a store that traces) are dropped: they would recurse, and
+// would reuse the buffer of the line the handler is holding.
+thread_local bool t_inHandler = false;
+
+class HandlerCall {
+ public:
+  HandlerCall() : m_hold(g_handlerLock) { t_inHandler = true; }
+  ~HandlerCall() { t_inHandler = false; }
+  HandlerCall(const HandlerCall&) = delete;
+  HandlerCall& operator=(const HandlerCall&) = delete;
+
+ private:
+  std::lock_guard<std::mutex> m_hold;
+};
+
+// Locks the handler for a change unless this thread is the one running it
+// (and holds the lock already).
+std::unique_lock<std::mutex> lockForChange() {
+  return t_inHandler ? std::unique_lock<std::mutex>()
+                     : std::unique_lock<std::mutex>(g_handlerLock);
+}
 
 }  // namespace
 
 void tderrorFunc(const char* topic, int severity, int, const char* format, ...) {
-  static std::vector<char> line;
+  if (t_inHandler) return;
+  thread_local std::vector<char> line;
   va_list args;
   va_start(args, format);
   formatInto(line, format, args);
   va_end(args);
+  HandlerCall call;
   g_handler(g_handlerContext, topic, severity, line.data());
 }
 
 const char* tellu_printf(const char* format, ...) {
-  static std::vector<char> text;
+  thread_local std::vector<char> text;
   va_list args;
   va_start(args, format);
   formatInto(text, format, args);
@@ -41,13 +71,22 @@ const char* tellu_printf(const char* format, ...) {
 namespace VelLogin {
 
 TraceHandler setTraceHandler(TraceHandler handler, void* context) {
+  std::unique_lock<std::mutex> hold = lockForChange();
   TraceHandler previous = g_handler;
   g_handler = handler != nullptr ? handler : writeToStderr;
   g_handlerContext = handler != nullptr ? context : nullptr;
   return previous;
 }
 
+TraceHandler traceHandler(void** context) {
+  std::unique_lock<std::mutex> hold = lockForChange();
+  if (context != nullptr) *context = g_handlerContext;
+  return g_handler;
+}
+
 void writeTraceLine(const char* topic, int severity, const char* line) {
+  if (t_inHandler) return;
+  HandlerCall call;
   g_handler(g_handlerContext, topic, severity, line);
 }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -32,6 +33,9 @@ class RecordingStore : public VelLogin::AbstractObjectStorage {
 
   std::map<std::string, Ptr> objects;
   bool refuseSet = false;
+  // Run once by the next get() or set(), as a factory or a store that calls
+  // back into the cache would.
+  std::function<void()> callBack;
 
   bool getRaw(const std::string& k, char*&, unsigned& len) const override {
     len = 7;
@@ -57,12 +61,14 @@ class RecordingStore : public VelLogin::AbstractObjectStorage {
   }
   Ptr get(const std::string& k, FactoryFunc f) override {
     log(std::string("get ") + k + (f != nullptr ? " with factory" : ""));
+    runCallBack();
     auto found = objects.find(k);
     return found != objects.end() ? found->second : Ptr();
   }
   bool set(Ptr obj, unsigned e) override {
     log("set " + obj->getKey() + " " + std::to_string(e));
     if (!refuseSet) objects[obj->getKey()] = obj;
+    runCallBack();
     return !refuseSet;
   }
   Ptr getNext() override {
@@ -72,6 +78,11 @@ class RecordingStore : public VelLogin::AbstractObjectStorage {
   void setFactoryFunc(FactoryFunc) override { log("setFactoryFunc"); }
 
  private:
+  void runCallBack() {
+    std::function<void()> once;
+    once.swap(callBack);
+    if (once) once();
+  }
   bool log(const std::string& call) const {
     m_events->push_back(call);
     return true;
@@ -214,6 +225,38 @@ TEST_F(CacheStorageTest, CleanupSweepsOnlyStaleRecordsPastBothGates) {
   FakeClock::set(LONG_MAX);
   EXPECT_FALSE(forever.get("k", nullptr).isNull());
   EXPECT_EQ(forever.counters().hits + forever.counters().sweeps, 1u);
+}
+
+// The backing store calls back into the cache in the middle of get() and of
+// set(); the nested calls run a sweep that drops the stale record of "k".
+TEST_F(CacheStorageTest, CallsBackIntoTheCacheThatSweepLeaveTheOuterCallWhole) {
+  for (bool throughGet : {true, false}) {
+    SCOPED_TRACE(throughGet ? "get" : "set");
+    FakeClock::set(kT0);
+    auto* store = new RecordingStore(&events);
+    CacheStorage reentered(store, 10, 1);
+    ASSERT_TRUE(reentered.set(makeItem("k"), 0));
+    FakeClock::set(kT0 + 11);
+    store->callBack = [&reentered] {
+      reentered.set(makeItem("other"), 0);  // 2 records now: the next call sweeps
+      reentered.get("other", nullptr);
+    };
+    TraceCapture trace(4);
+    Ptr newer = makeItem("k");
+    if (throughGet) {
+      store->objects["k"] = newer;
+      EXPECT_EQ(reentered.get("k", nullptr).get(), newer.get());
+    } else {
+      EXPECT_TRUE(reentered.set(newer, 0));
+    }
+    EXPECT_EQ(reentered.counters().recordsSwept, 1u);
+    EXPECT_EQ(trace.messages().back(),
+              throughGet ? "[INFO] CacheStorage::get: update cache record key=k"
+                         : "[INFO] CacheStorage::set: adding to cache storable key=k");
+    store->objects.clear();
+    EXPECT_EQ(reentered.get("k", nullptr).get(), newer.get());  // fresh from the outer call
+    EXPECT_EQ(newer.getCount(), 2u);
+  }
 }
 
 TEST_F(CacheStorageTest, FreshHitTraceLines) {

@@ -11,7 +11,7 @@ namespace {
 long g_live = 0;
 uint64_t g_made = 0;
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr double kBuildScale = 0.1;
 #else
 constexpr double kBuildScale = 1.0;

@@ -86,6 +86,27 @@ TEST(RefCountPtrTest, AssignmentReleasesTheOldObjectAndSharesTheNew) {
   EXPECT_EQ(source.getCount(), 3u);
 }
 
+// A list node that holds the only share of the next node.
+class Node : public Counted {
+ public:
+  Node(int* destroyed, RefCountPtr<Node> following) : Counted(destroyed), next(following) {}
+  RefCountPtr<Node> next;
+};
+
+TEST(RefCountPtrTest, AssigningFromInsideTheObjectItReleasesIsSafe) {
+  int destroyed = 0;
+  RefCountPtr<Node> n(new Node(&destroyed, RefCountPtr<Node>(new Node(&destroyed, nullptr))));
+  // n holds the last share of the head, whose member is the source.
+  n = n->next;
+  EXPECT_EQ(destroyed, 1);
+  EXPECT_EQ(n.getCount(), 1u);
+  ASSERT_FALSE(n.isNull());
+  n = n->next;  // onto the tail's null pointer: a counter shared with nobody alive
+  EXPECT_EQ(destroyed, 2);
+  EXPECT_TRUE(n.isNull());
+  EXPECT_EQ(n.getCount(), 1u);
+}
+
 TEST(RefCountPtrTest, ExplicitReleaseOfTheLastShareDeletesOnceOnly) {
   int destroyed = 0;
   {

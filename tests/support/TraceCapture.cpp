@@ -3,11 +3,13 @@
 namespace testsupport {
 
 TraceCapture::TraceCapture(int level, bool coverage)
-    : m_previousHandler(VelLogin::setTraceHandler(&TraceCapture::collect, this)),
+    : m_previousContext(nullptr),
+      m_previousHandler(VelLogin::traceHandler(&m_previousContext)),
       m_previousLevel(activate_tellu_debug_output),
       m_previousThreshold(g_MsgTypeMaxThr),
       m_previousCoverage(VelLoginDebug::m_coverage),
       m_previousColour(VelLoginDebug::m_printColor) {
+  VelLogin::setTraceHandler(&TraceCapture::collect, this);
   activate_tellu_debug_output = level;
   g_MsgTypeMaxThr = 4;
   VelLoginDebug::m_coverage = coverage;
@@ -15,7 +17,7 @@ TraceCapture::TraceCapture(int level, bool coverage)
 }
 
 TraceCapture::~TraceCapture() {
-  VelLogin::setTraceHandler(m_previousHandler, nullptr);
+  VelLogin::setTraceHandler(m_previousHandler, m_previousContext);
   activate_tellu_debug_output = m_previousLevel;
   g_MsgTypeMaxThr = m_previousThreshold;
   VelLoginDebug::m_coverage = m_previousCoverage;

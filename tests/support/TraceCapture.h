@@ -36,6 +36,7 @@ class TraceCapture {
   static void collect(void* context, const char* topic, int severity, const char* line);
 
   std::vector<TraceLine> m_lines;
+  void* m_previousContext;
   VelLogin::TraceHandler m_previousHandler;
   int m_previousLevel;
   int m_previousThreshold;
