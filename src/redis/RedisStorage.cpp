@@ -1,5 +1,6 @@
 #include "redis/RedisStorage.h"
 
+#include <chrono>
 #include <cstring>
 #include <new>
 #include <string>
@@ -172,9 +173,13 @@ bool RedisStorage::del(const std::string& key) {
 bool RedisStorage::delAll() {
   LS_TRACE_ENTRY("delAll");
   m_connection->startOperation();
-  // A walk of its own: an open iteration goes on undisturbed.
+  // A walk of its own: an open iteration goes on undisturbed. Its removals
+  // count against the walk's time as well as its SCANs, so that a server
+  // that answers DEL slowly cannot stretch the whole to a timeout per batch.
   RedisScan scan(*m_connection, m_prefix);
   scan.start();
+  const RedisConnection::Clock::time_point end =
+      RedisConnection::Clock::now() + std::chrono::milliseconds(m_connection->walkTimeoutMs());
   std::vector<std::string> keys;
   std::vector<std::string> fullKeys;
   std::vector<std::string_view> command;
@@ -186,7 +191,12 @@ bool RedisStorage::delAll() {
     command.assign(1, "DEL");
     for (const std::string& key : keys) fullKeys.push_back(m_prefix + key);
     command.insert(command.end(), fullKeys.begin(), fullKeys.end());
-    m_connection->startStep(RedisConnection::Clock::time_point::max());
+    if (RedisConnection::Clock::now() >= end) {
+      ok = m_connection->fail("timeout: removing the records took more than " +
+                              std::to_string(m_connection->walkTimeoutMs()) + " ms");
+      break;
+    }
+    m_connection->startStep(end);
     // Records that another client removed meanwhile count as removed.
     long long removed = 0;
     ok = readInteger(*m_connection, m_connection->run(command.data(), command.size(), kScalarReply),
