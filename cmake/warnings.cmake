@@ -7,7 +7,8 @@ target_compile_options(loginstorage_warnings INTERFACE
   $<$<BOOL:${LOGINSTORAGE_WERROR}>:-Werror>)
 
 # Our own targets (library, tool, tests) see files of any size and folders with
-# any inode numbers on 32-bit builds too. No installed header uses off_t, ino_t
-# or struct stat, so consumers built either way link alike. time_t is left as
-# the platform has it.
+# any inode numbers on 32-bit builds too: the tool lists records of 4 GiB and
+# more, and its test makes a 5 GiB (sparse) one. No installed header uses
+# off_t, ino_t or struct stat, so consumers built either way link alike.
+# time_t is left as the platform has it.
 target_compile_definitions(loginstorage_warnings INTERFACE _FILE_OFFSET_BITS=64)

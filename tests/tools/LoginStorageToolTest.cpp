@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -28,8 +29,10 @@ struct ToolRun {
 
 struct RunOptions {
   std::string input;
-  std::string outPath;        // standard output goes here instead (/dev/full)
-  bool unprivileged = false;  // run as nobody when the test runs as root
+  std::string outPath;                        // standard output goes here instead (/dev/full)
+  bool unprivileged = false;                  // run as nobody when the test runs as root
+  rlim_t fileSizeLimit = RLIM_INFINITY;       // as ulimit -f sets it, in bytes
+  std::vector<std::string> environment = {};  // NAME=VALUE
 };
 
 // Runs the tool with args in the UTC time zone.
@@ -44,6 +47,11 @@ ToolRun runTool(const std::vector<std::string>& args, const RunOptions& options 
     std::freopen(outPath.c_str(), "wb", stdout);
     std::freopen(errPath.c_str(), "wb", stderr);
     setenv("TZ", "UTC", 1);
+    for (const std::string& variable : options.environment) {
+      putenv(const_cast<char*>(variable.c_str()));
+    }
+    const struct rlimit limit = {options.fileSizeLimit, options.fileSizeLimit};
+    if (options.fileSizeLimit != RLIM_INFINITY && setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(126);
     if (options.unprivileged && geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) {
       _exit(126);
     }
@@ -61,7 +69,7 @@ ToolRun runTool(const std::vector<std::string>& args, const RunOptions& options 
 }
 
 ToolRun runTool(const std::vector<std::string>& args, const std::string& input) {
-  return runTool(args, RunOptions{input, "", false});
+  return runTool(args, RunOptions{input, "", false, RLIM_INFINITY, {}});
 }
 
 // The id of a process that has just ended: no writer of that id is alive.
@@ -186,6 +194,18 @@ TEST(LoginStorageToolTest, ExitStatusTellsMissingFromUsageFromFailure) {
        "bad location: 'sessions:' is not a database number; the key prefix is given as ?prefix="},
       {{"ls", "redis://h:0"}, {}, 2, "bad location: bad server address 'h:0' (HOST[:PORT])"},
       {{"ls", "redis://h?prefix=%zz"}, {}, 2, "bad location: bad percent escape in '%zz'"},
+      // Secrets stay out of messages.
+      {{"ls", "redis://u:secret%zz@h"}, {}, 2, "bad location: bad percent escape in the password"},
+      {{"ls", "redis://secret%zz@h"}, {}, 2, "bad location: bad percent escape in the password"},
+      {{"ls", "redis-sentinel://h/m?sentinel_password=secret%zz"},
+       {},
+       2,
+       "bad location: bad percent escape in the sentinel password"},
+      {{"ls", "redis://u:secret@h/0/x?sentinel_password=secret"},
+       {},
+       2,
+       "bad location: too many path parts in 'redis://u:***@h/0/x?sentinel_password=***'; the "
+       "key prefix is given as ?prefix="},
       {{"ls", "redis-sentinel://h:1"},
        {},
        2,
@@ -210,6 +230,26 @@ TEST(LoginStorageToolTest, ExitStatusTellsMissingFromUsageFromFailure) {
        {"", "/dev/full", false},
        3,
        "cannot write to standard output: No space left on device"},
+      {{"--help"},
+       {"", "/dev/full", false},
+       3,
+       "cannot write to standard output: No space left on device"},
+      {{"ls", "--help"},
+       {"", "/dev/full", false},
+       3,
+       "cannot write to standard output: No space left on device"},
+      {{"--version"},
+       {"", "/dev/full", false},
+       3,
+       "cannot write to standard output: No space left on device"},
+      {{"put", f, ".lstmp-1-2"},
+       {"x", "", false},
+       2,
+       "key '.lstmp-1-2' is reserved for the temporary files of folder writes"},
+      {{"put", f, "big"},
+       {std::string(4096, 'x'), "", false, 1024, {}},
+       3,
+       "cannot store 'big' in " + f + ": File too large"},
   };
   for (const auto& c : cases) {
     ToolRun run = runTool(c.args, c.options);
@@ -334,6 +374,22 @@ TEST(LoginStorageToolTest, RedisLocationsAndOutages) {
     EXPECT_EQ(failed.status, 3) << args[0] << ": " << failed.err;
     EXPECT_NE(failed.err.find("refused"), std::string::npos) << failed.err;
     EXPECT_EQ(failed.err.find("secret"), std::string::npos) << failed.err;
+  }
+
+  // "USER:@" is the user with the environment's password; "USER@", as with
+  // redis-cli, is a password alone.
+  testsupport::RedisServer acl(
+      {"--requirepass", "pw", "--user", "alice", "on", ">secret", "~*", "+@all"}, "pw");
+  ASSERT_TRUE(acl.started());
+  const std::string host = "@127.0.0.1:" + std::to_string(acl.port());
+  const struct {
+    std::string userinfo;
+    int status;
+  } logins[] = {{"alice:", 0}, {"alice:secret", 0}, {"alice", 3}, {"", 3}};
+  for (const auto& login : logins) {
+    ToolRun listed = runTool({"ls", "redis://" + login.userinfo + host},
+                             RunOptions{"", "", false, RLIM_INFINITY, {"REDISCLI_AUTH=secret"}});
+    EXPECT_EQ(listed.status, login.status) << login.userinfo << ": " << listed.err;
   }
 }
 #endif

@@ -23,6 +23,7 @@
 #include "Output.h"
 #include "Progress.h"
 #include "VersionText.h"
+#include "platform/TemporaryFileName.h"
 #ifdef LOGINSTORAGE_TOOL_HAS_REDIS
 #include "LoginStorage/redis/RedisStorage.h"
 #endif
@@ -138,6 +139,19 @@ bool keyAllowed(const CommandLine& line, const std::string& key, std::string& er
   return false;
 }
 
+// The folder store keeps its temporary files under names of one form
+// (".lstmp-PID-N") and refuses records under such names, which its listing
+// would skip and gc or clear would remove.
+bool keyReserved(const CommandLine& line, const std::string& key, std::string& error) {
+  unsigned long long pid = 0;
+  if (RedisLocation::isRedis(line.operands[0]) ||
+      !VelLogin::temporary_file_name::parse(key.c_str(), &pid)) {
+    return false;
+  }
+  error = "key " + quoted(key) + " is reserved for the temporary files of folder writes";
+  return true;
+}
+
 // Explains a failed read of key: missing (1) or failed (3), with the cause.
 int readFailure(const Location& location, const std::string& key) {
   const std::string what = quoted(key) + " in " + location.name;
@@ -162,22 +176,28 @@ int readFailure(const Location& location, const std::string& key) {
   return fail(kFailure, "cannot read record " + what + " (it changed while it was read)");
 }
 
+// True for the errors by which a file system says it cannot answer a probe
+// (no O_TMPFILE, no space reservation): they say nothing about the write.
+bool probeUnsupported(int error) {
+  return error == EOPNOTSUPP || error == EINVAL || error == EISDIR;
+}
+
 // Finds why the folder refused a write of size bytes under key, by asking
 // the file system the questions the write asked.
 std::string writeFailureCause(const Location& location, const std::string& key, size_t size) {
+  const std::string unknown = "the write failed (see --trace 2)";
   struct stat info;
   if (::stat(location.recordPath(key).c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
     return systemError(EISDIR);
   }
   if (::access(location.folder.c_str(), W_OK | X_OK) != 0) return systemError(errno);
   const int fd = ::open(location.folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600);
-  if (fd < 0) return systemError(errno);
-  // posix_fallocate returns its error rather than setting errno; a file
-  // system that cannot reserve space says nothing about the failed write.
-  int error = ::posix_fallocate(fd, 0, static_cast<off_t>(size));
-  if (error == EOPNOTSUPP || error == EINVAL) error = 0;
+  if (fd < 0) return probeUnsupported(errno) ? unknown : systemError(errno);
+  // posix_fallocate returns its error rather than setting errno. Beyond the
+  // file size limit it fails with EFBIG (SIGXFSZ is ignored, see main).
+  const int error = ::posix_fallocate(fd, 0, static_cast<off_t>(size));
   ::close(fd);  // the file had no name: it is gone
-  return error != 0 ? systemError(error) : "the write failed (see --trace 2)";
+  return error == 0 || probeUnsupported(error) ? unknown : systemError(error);
 }
 
 // Explains a failed removal of key: missing (1) or failed (3).
@@ -348,6 +368,12 @@ int fail(int status, const std::string& message) {
   return status;
 }
 
+int writeOut(const std::string& text) {
+  Output out;
+  out.write(text);
+  return out.flush() ? kSuccess : outputFailure(out);
+}
+
 int listRecords(const CommandLine& line) {
   if (line.operands.size() != 1) return fail(kUsage, "ls takes one LOCATION (see ls --help)");
   if (line.json && line.nulSeparated) return fail(kUsage, "ls takes -0 or --json, not both");
@@ -391,7 +417,9 @@ int putRecord(const CommandLine& line) {
   }
   const std::string& key = line.operands[1];
   std::string error;
-  if (!keyAllowed(line, key, error)) return fail(kUsage, error);
+  if (!keyAllowed(line, key, error) || keyReserved(line, key, error)) {
+    return fail(kUsage, error);
+  }
 
   std::string bytes;
   const bool fromFile = line.operands.size() == 3 && line.operands[2] != "-";
@@ -516,9 +544,7 @@ int showStatistics(const CommandLine& line) {
               " bytes)\ntemporary files in progress: " + std::to_string(scan.inProgress()) + "\n";
     }
   }
-  Output out;
-  out.write(text);
-  return out.flush() ? kSuccess : outputFailure(out);
+  return writeOut(text);
 }
 
 int collectGarbage(const CommandLine& line) {
@@ -587,9 +613,7 @@ int showToolVersion() {
                 "not built in"
 #endif
   );
-  Output out;
-  out.write(text);
-  return out.flush() ? kSuccess : outputFailure(out);
+  return writeOut(text);
 }
 
 }  // namespace tool

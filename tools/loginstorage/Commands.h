@@ -20,6 +20,10 @@ int collectGarbage(const CommandLine& line);  // gc FOLDER
 int showVersion(const CommandLine& line);     // version [LIBRARY-FILE]
 int showToolVersion();                        // --version
 
+// Writes text to standard output: kSuccess, or kFailure (3) after saying
+// why the write failed.
+int writeOut(const std::string& text);
+
 // Prints one line to stderr, "loginstorage: <message>", and returns status.
 int fail(int status, const std::string& message);
 

@@ -26,7 +26,10 @@ int hexValue(char c) {
   return -1;
 }
 
-bool percentDecode(const std::string& text, std::string& out, std::string& error) {
+// Decodes text; a bad escape's message quotes text unless it is secret, then
+// it names secretPart instead.
+bool percentDecode(const std::string& text, std::string& out, std::string& error,
+                   const char* secretPart = nullptr) {
   out.clear();
   for (size_t i = 0; i < text.size(); ++i) {
     if (text[i] != '%') {
@@ -36,7 +39,8 @@ bool percentDecode(const std::string& text, std::string& out, std::string& error
     const int high = i + 2 < text.size() ? hexValue(text[i + 1]) : -1;
     const int low = high >= 0 ? hexValue(text[i + 2]) : -1;
     if (low < 0) {
-      error = "bad percent escape in '" + escapeKey(text) + "'";
+      error = secretPart != nullptr ? std::string("bad percent escape in ") + secretPart
+                                    : "bad percent escape in '" + escapeKey(text) + "'";
       return false;
     }
     out += static_cast<char>(high * 16 + low);
@@ -115,11 +119,11 @@ bool RedisLocation::isRedis(const std::string& text) {
 bool RedisLocation::parseAuthority(const std::string& userinfo, std::string& error) {
   const size_t colon = userinfo.find(':');
   if (colon != std::string::npos &&
-      !percentDecode(userinfo.substr(0, colon), m_options.user, error)) {
+      !percentDecode(userinfo.substr(0, colon), m_options.user, error, "the user name")) {
     return false;
   }
   return percentDecode(colon == std::string::npos ? userinfo : userinfo.substr(colon + 1),
-                       m_options.password, error);
+                       m_options.password, error, "the password");
 }
 
 bool RedisLocation::parseQuery(const std::string& query, std::string& error) {
@@ -127,7 +131,9 @@ bool RedisLocation::parseQuery(const std::string& query, std::string& error) {
     const size_t equals = pair.find('=');
     const std::string name = pair.substr(0, equals);
     std::string value;
-    if (equals == std::string::npos || !percentDecode(pair.substr(equals + 1), value, error)) {
+    const bool secret = name == "sentinel_password";
+    if (equals == std::string::npos || !percentDecode(pair.substr(equals + 1), value, error,
+                                                      secret ? "the sentinel password" : nullptr)) {
       if (error.empty()) error = "option '" + escapeKey(pair) + "' needs a value (NAME=VALUE)";
       return false;
     }
@@ -140,7 +146,7 @@ bool RedisLocation::parseQuery(const std::string& query, std::string& error) {
         error = "timeout must be 1 to 3600000 milliseconds";
         return false;
       }
-    } else if (name == "sentinel_password") {
+    } else if (secret) {
       m_options.sentinelPassword = value;
     } else {
       error = "unknown option '" + escapeKey(name) +
@@ -174,10 +180,13 @@ bool RedisLocation::parse(const std::string& text, std::string& error) {
     if (!parseAuthority(userinfo, error)) return false;
     rest = rest.substr(at + 1);
   }
-  const size_t secret = m_display.find("sentinel_password=");
-  if (secret != std::string::npos) {
-    const size_t end = m_display.find('&', secret);
-    m_display.replace(secret + 18, end == std::string::npos ? end : end - secret - 18, "***");
+  if (!query.empty()) {
+    std::string masked;
+    for (const std::string& pair : split(query, '&')) {
+      masked += masked.empty() ? "?" : "&";
+      masked += pair.compare(0, 18, "sentinel_password=") == 0 ? "sentinel_password=***" : pair;
+    }
+    m_display = m_display.substr(0, m_display.find('?')) + masked;
   }
   if (!query.empty() && !parseQuery(query, error)) return false;
 
@@ -199,7 +208,7 @@ bool RedisLocation::parse(const std::string& text, std::string& error) {
       m_options.port = address.port;
       if (path.size() > 1 || (path.size() == 1 && !path[0].empty() &&
                               !parseDatabase(path[0], m_options.database, error))) {
-        if (error.empty()) error = "too many path parts in '" + escapeKey(text) + "'";
+        if (error.empty()) error = "too many path parts in '" + escapeKey(m_display) + "'";
         error += "; the key prefix is given as ?prefix=";
         return false;
       }

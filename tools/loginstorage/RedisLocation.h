@@ -6,10 +6,11 @@
 //
 // OPTIONS, joined by "&": prefix=KEYPREFIX, db=N, timeout=MILLISECONDS and
 // sentinel_password=PASSWORD. Every part is percent-decoded. As with
-// redis-cli, userinfo without ":" is the password. HOST may be an IPv6
-// address in brackets. Ports default to 6379 (26379 for sentinels). With no
-// password in the location, the environment's LOGINSTORAGE_REDIS_PASSWORD,
-// else REDISCLI_AUTH, gives it.
+// redis-cli, userinfo without ":" is the password; "USER:" (an empty
+// password) is a user whose password comes from the environment. HOST may
+// be an IPv6 address in brackets. Ports default to 6379 (26379 for
+// sentinels). With no password in the location, the environment's
+// LOGINSTORAGE_REDIS_PASSWORD, else REDISCLI_AUTH, gives it.
 #ifndef LOGINSTORAGE_TOOLS_REDISLOCATION_H
 #define LOGINSTORAGE_TOOLS_REDISLOCATION_H
 

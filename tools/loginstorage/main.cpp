@@ -2,6 +2,7 @@
 // record, and the records of the Redis store.
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <string>
 
@@ -39,7 +40,8 @@ const Command kCommands[] = {
     {"put", tool::putRecord,
      "usage: loginstorage put LOCATION KEY [FILE]\n"
      "Stores the bytes of FILE (or of standard input, or with FILE \"-\") as record KEY,\n"
-     "replacing it atomically. A missing folder is created.\n"},
+     "replacing it atomically. A missing folder is created. In a folder, keys of the\n"
+     "form of its temporary files (\".lstmp-PID-N\") are refused.\n"},
     {"rm", tool::removeRecords,
      "usage: loginstorage rm LOCATION KEY...\n"
      "Removes the records KEY... Exit status 1 when one was missing, 3 when one could\n"
@@ -83,9 +85,10 @@ const char kUsage[] =
     "  unix://[[USER]:PASSWORD@]/PATH/TO/SOCKET[?db=DB&prefix=PREFIX]\n"
     "  redis-sentinel://[[USER]:PASSWORD@]SENTINELS/MASTER[/DB][?prefix=PREFIX]\n"
     "with SENTINELS as HOST[:PORT],HOST[:PORT]... (also ?timeout=MS and\n"
-    "?sentinel_password=P; all parts percent-decoded). Without a\n"
-    "password in LOCATION, $LOGINSTORAGE_REDIS_PASSWORD, else $REDISCLI_AUTH, gives\n"
-    "it; a password on the command line is visible to other users.\n"
+    "?sentinel_password=P; all parts percent-decoded; as with redis-cli, USER@ alone\n"
+    "is a password, USER:@ a user). Without a password in LOCATION,\n"
+    "$LOGINSTORAGE_REDIS_PASSWORD, else $REDISCLI_AUTH, gives it; a password on the\n"
+    "command line is visible to other users.\n"
     "\n"
     "Options:\n"
     "  --trace LEVEL   show the library's trace lines on stderr (2 errors ... 4 all\n"
@@ -110,21 +113,22 @@ void setUpTracing(int level) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // A write beyond the file size limit (ulimit -f) then fails with EFBIG,
+  // which the command reports, instead of killing the tool with a core dump.
+  std::signal(SIGXFSZ, SIG_IGN);
   tool::CommandLine line;
   std::string error;
   if (!tool::parseCommandLine(argc, argv, line, error)) return tool::fail(tool::kUsage, error);
 
   if (line.version) return tool::showToolVersion();
   if (line.command.empty()) {
-    std::fputs(kUsage, line.help ? stdout : stderr);
-    return line.help ? tool::kSuccess : tool::kUsage;
+    if (line.help) return tool::writeOut(kUsage);
+    std::fputs(kUsage, stderr);
+    return tool::kUsage;
   }
   for (const Command& command : kCommands) {
     if (line.command != command.name) continue;
-    if (line.help) {
-      std::fputs(command.help, stdout);
-      return tool::kSuccess;
-    }
+    if (line.help) return tool::writeOut(command.help);
     setUpTracing(line.traceLevel);
     return command.run(line);
   }
