@@ -15,6 +15,7 @@
 
 #include "FuzzFolder.h"
 #include "LoginStorage/LoginStorage.h"
+#include "platform/TemporaryFileName.h"
 
 using fuzzsupport::require;
 using VelLogin::CacheStorage;
@@ -130,7 +131,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
     const Ptr object = store.get(record.first, nullptr);
     // Names of the store's own temporary files are not for records.
     const std::string key = object->getKey();
-    if (key.size() > 255 || !FileSystemStorage::isPlainKey(key) || key.rfind(".lstmp-", 0) == 0) {
+    unsigned long long writer = 0;
+    if (key.size() > 255 || !FileSystemStorage::isPlainKey(key) ||
+        VelLogin::temporary_file_name::parse(key.c_str(), &writer)) {
       continue;
     }
     require(store.set(object, 0), "a session under a plain key is written");

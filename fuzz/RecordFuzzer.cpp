@@ -9,6 +9,7 @@
 
 #include "FuzzFolder.h"
 #include "LoginStorage/LoginStorage.h"
+#include "platform/TemporaryFileName.h"
 
 using fuzzsupport::require;
 using VelLogin::FileSystemStorage;
@@ -26,17 +27,6 @@ bool staysInside(const std::string& key) {
     start = end + 1;
   }
   return true;
-}
-
-// The store's own temporary files are named ".lstmp-<pid>-<n>"; a record
-// under such a name is readable by its key but never listed.
-bool temporaryName(const std::string& key) {
-  if (key.rfind(".lstmp-", 0) != 0) return false;
-  const size_t dash = key.find('-', 7);
-  auto digits = [&key](size_t from, size_t to) {
-    return to > from && to - from <= 10 && key.find_first_not_of("0123456789", from) >= to;
-  };
-  return dash != std::string::npos && digits(7, dash) && digits(dash + 1, key.size());
 }
 
 }  // namespace
@@ -59,9 +49,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
   }
   const bool written = store.setRaw(key, bytes.data(), static_cast<unsigned>(bytes.size()), 0);
   const bool plain = FileSystemStorage::isPlainKey(key);
+  unsigned long long writer = 0;
+  const bool reserved = VelLogin::temporary_file_name::parse(key.c_str(), &writer);
   require(!written || !bytes.empty(), "an empty record is refused");
+  require(!written || !reserved, "a key of the temporary files' form is refused");
   // Other keys are paths that may or may not lead to a file of the folder.
-  require(written || !plain || bytes.empty() || key.size() > 255,
+  require(written || !plain || reserved || bytes.empty() || key.size() > 255,
           "a record under a plain key that fits a file name is written");
   if (!written) {
     require(fuzzsupport::namesIn(folder.path()).empty(), "a refused write leaves nothing");
@@ -83,14 +76,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
     require(store.startGetAll(), "the folder can be listed");
     std::string listed;
     len = store.getMaxRecordLen();
-    if (!temporaryName(key)) {
-      require(
-          store.getNextRaw(listed, data, len) && listed == key && std::string(data, len) == bytes,
-          "the iteration yields the record under its key");
-      delete[] data;
-      data = nullptr;
-      len = store.getMaxRecordLen();
-    }
+    require(
+        store.getNextRaw(listed, data, len) && listed == key && std::string(data, len) == bytes,
+        "the iteration yields the record under its key");
+    delete[] data;
+    data = nullptr;
+    len = store.getMaxRecordLen();
     require(!store.getNextRaw(listed, data, len), "and nothing else");
     store.endGetAll();
   }
