@@ -12,15 +12,7 @@
 #        -DLINKER_FLAGS=... -DGENERATOR=...] -P deb-test.cmake
 cmake_minimum_required(VERSION 3.25)
 
-function(run)
-  execute_process(COMMAND ${ARGN}
-    RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
-  if(NOT result EQUAL 0)
-    list(JOIN ARGN " " command)
-    message(FATAL_ERROR "failed (${result}): ${command}\n${output}")
-  endif()
-  set(run_output "${output}" PARENT_SCOPE)
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/run.cmake)
 
 function(field package name)
   run(dpkg-deb --field ${DEB_DIR}/${package}_${version}_${ARCH}.deb ${name})
