@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "LoginStorage/LoginStorage.h"
-#include "mem/TestItem.h"
+#include "support/TestItem.h"
 #include "support/FakeClock.h"
 #include "support/TempFolder.h"
 #include "support/TraceCapture.h"

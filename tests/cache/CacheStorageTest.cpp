@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "LoginStorage/mem/MemStorage.h"
-#include "mem/TestItem.h"
+#include "support/TestItem.h"
 #include "support/FakeClock.h"
 #include "support/TraceCapture.h"
 

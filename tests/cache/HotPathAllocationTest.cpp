@@ -8,7 +8,7 @@
 
 #include "LoginStorage/cache/CacheStorage.h"
 #include "LoginStorage/mem/MemStorage.h"
-#include "mem/TestItem.h"
+#include "support/TestItem.h"
 #include "support/FakeClock.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "mem/TestItem.h"
+#include "support/TestItem.h"
 #include "support/FakeClock.h"
 #include "support/TraceCapture.h"
 

@@ -138,31 +138,4 @@ std::string RedisServer::command(const std::vector<std::string>& args) const {
   return text;
 }
 
-std::string readRecord(const VelLogin::AbstractStorage& store, const std::string& key,
-                       unsigned capacity) {
-  char* data = nullptr;
-  unsigned len = capacity;
-  const bool ok = store.getRaw(key, data, len);
-  std::string result = ok ? std::string(data, len)
-                          : (len == 0 ? "missing" : "too long: " + std::to_string(len));
-  delete[] data;
-  return result;
-}
-
-std::map<std::string, std::string> iterate(VelLogin::AbstractStorage& store) {
-  std::map<std::string, std::string> records;
-  std::string key;
-  char* data = nullptr;
-  unsigned len = store.getMaxRecordLen();
-  EXPECT_TRUE(store.startGetAll());
-  while (store.getNextRaw(key, data, len)) {
-    EXPECT_TRUE(records.emplace(key, std::string(data, len)).second) << "twice: " << key;
-    delete[] data;
-    data = nullptr;
-    len = store.getMaxRecordLen();
-  }
-  store.endGetAll();
-  return records;
-}
-
 }  // namespace testsupport

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "LoginStorage/storage/AbstractStorage.h"
+#include "support/Records.h"
 #include "support/TempFolder.h"
 
 namespace testsupport {
@@ -62,15 +63,6 @@ class RedisServer {
 
 // A loopback port on which nothing listens at the moment.
 unsigned freeLoopbackPort();
-
-// The record under key read with a null buffer: its bytes, or "missing", or
-// "too long: N".
-std::string readRecord(const VelLogin::AbstractStorage& store, const std::string& key,
-                       unsigned capacity = 1u << 20);
-
-// What one full iteration delivers, key to bytes; a key delivered twice
-// fails the test.
-std::map<std::string, std::string> iterate(VelLogin::AbstractStorage& store);
 
 }  // namespace testsupport
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "../mem/TestItem.h"
+#include "support/TestItem.h"
 #include "LoginStorage/LoginStorage.h"
 #include "LoginStorage/redis/RedisStorage.h"
 #include "RedisServer.h"
@@ -46,9 +46,9 @@ TEST_F(RedisSharingTest, PrefixesKeepStoresApartEvenWithPatternCharacters) {
   EXPECT_EQ(alpha->getNumElements(), 1u);
   EXPECT_EQ(glob->getNumElements(), 2u);
   EXPECT_EQ(all->getNumElements(), 4u);
-  EXPECT_EQ(testsupport::iterate(*glob), (Records{{"j", "J"}, {"k", "G"}}));
+  EXPECT_EQ(testsupport::drain(*glob), (Records{{"j", "J"}, {"k", "G"}}));
   EXPECT_TRUE(glob->delAll());
-  EXPECT_EQ(testsupport::iterate(*all), (Records{{"alpha:k", "A"}, {"gyyx?\\k", "decoy"}}));
+  EXPECT_EQ(testsupport::drain(*all), (Records{{"alpha:k", "A"}, {"gyyx?\\k", "decoy"}}));
 }
 
 TEST_F(RedisSharingTest, TwoProcessesShareRecords) {

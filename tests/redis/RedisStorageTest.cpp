@@ -108,7 +108,7 @@ TEST_F(RedisStorageTest, WalkDeliversThousandsOfRecordsOnceWithScan) {
             "[ERROR] RedisStorage::startGetAll: ERROR: previous GetAll session was not ended with "
             "endGetAll()");
   store->endGetAll();
-  const std::map<std::string, std::string> records = testsupport::iterate(*store);
+  const std::map<std::string, std::string> records = testsupport::drain(*store);
   ASSERT_EQ(records.size(), kRecords);
   for (unsigned i = 0; i < kRecords; i += 7) EXPECT_EQ(records.at("k" + std::to_string(i)), std::to_string(i));
   EXPECT_EQ(store->getNumElements(), kRecords);

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "LoginStorage/LoginStorage.h"
-#include "mem/TestItem.h"
+#include "support/TestItem.h"
 #include "reliability/Reliability.h"
 #include "support/TempFolder.h"
 

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "LoginStorage/LoginStorage.h"
-#include "mem/TestItem.h"
+#include "support/TestItem.h"
 
 namespace {
 

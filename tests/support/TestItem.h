@@ -1,7 +1,7 @@
 // A storable for the store suites: an object that knows its key, counts how
 // often it was asked for it and notes its own destruction in an event log.
-#ifndef LOGINSTORAGE_TESTS_MEM_TESTITEM_H
-#define LOGINSTORAGE_TESTS_MEM_TESTITEM_H
+#ifndef LOGINSTORAGE_TESTS_SUPPORT_TESTITEM_H
+#define LOGINSTORAGE_TESTS_SUPPORT_TESTITEM_H
 
 #include <string>
 #include <vector>
