@@ -15,7 +15,7 @@
 
 #include "FuzzFolder.h"
 #include "LoginStorage/LoginStorage.h"
-#include "platform/TemporaryFileName.h"
+#include "util/TemporaryFileName.h"
 
 using fuzzsupport::require;
 using VelLogin::CacheStorage;

@@ -9,7 +9,7 @@
 
 #include "FuzzFolder.h"
 #include "LoginStorage/LoginStorage.h"
-#include "platform/TemporaryFileName.h"
+#include "util/TemporaryFileName.h"
 
 using fuzzsupport::require;
 using VelLogin::FileSystemStorage;

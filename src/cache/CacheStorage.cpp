@@ -1,4 +1,4 @@
-#include "cache/CacheStorage.h"
+#include "LoginStorage/cache/CacheStorage.h"
 
 #include "storage/Expiry.h"
 #include "trace/Trace.h"

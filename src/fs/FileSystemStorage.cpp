@@ -1,14 +1,16 @@
-#include "fs/FileSystemStorage.h"
+#include "LoginStorage/fs/FileSystemStorage.h"
 
 #include <cstring>
 #include <new>
 #include <string>
 #include <vector>
 
-#include "platform/Durability.h"
-#include "platform/FileSystem.h"
-#include "storage/Exception.h"
+#include "LoginStorage/platform/Durability.h"
+#include "LoginStorage/storage/Exception.h"
 #include "trace/Trace.h"
+#include "util/FileSystem.h"
+#include "util/TemporaryFileName.h"
+#include "util/WholeFile.h"
 
 LS_TRACE_REGISTER_TOPICS()
 
@@ -104,7 +106,7 @@ bool FileSystemStorage::setRaw(const std::string& key, const char* data, unsigne
   if (len == 0 || data == nullptr) return false;
   // Iteration and delAll() take such names for writers' temporary files: a
   // record under one would hide, and could be removed as debris.
-  if (isTemporaryFileName(key.c_str())) {
+  if (temporary_file_name::matches(key.c_str())) {
     LS_TRACE_MSG(1, "ERROR: key <%s> has the form of a temporary file", key.c_str());
     return false;
   }
@@ -140,10 +142,10 @@ bool FileSystemStorage::delAll() {
   std::vector<std::string> names;
   std::vector<std::string> abandoned;
   while (const char* name = FsDirRead(listing)) {
-    if (isTemporaryFileName(name)) {
+    if (temporary_file_name::matches(name)) {
       // Another writer's file on its way is not ours to take; one whose
       // writer died will never be renamed.
-      if (isAbandonedTemporaryFileName(name)) abandoned.emplace_back(name);
+      if (temporary_file_name::isAbandoned(name)) abandoned.emplace_back(name);
     } else if (!isDotEntry(name)) {
       names.emplace_back(name);
     }
@@ -190,8 +192,8 @@ bool FileSystemStorage::getNextInternal(std::string& key, char*& data, unsigned&
   // killed writer: never records. The debris goes here, so that it never
   // outlives the next iteration.
   const char* name;
-  while ((name = FsDirRead(m_dirHandle)) != nullptr && isTemporaryFileName(name)) {
-    if (isAbandonedTemporaryFileName(name)) velFileRemove(m_folder + name);
+  while ((name = FsDirRead(m_dirHandle)) != nullptr && temporary_file_name::matches(name)) {
+    if (temporary_file_name::isAbandoned(name)) velFileRemove(m_folder + name);
   }
   endReached = false;
   if (name == nullptr) {

@@ -1,4 +1,4 @@
-#include "mem/MemStorage.h"
+#include "LoginStorage/mem/MemStorage.h"
 
 #include "storage/Expiry.h"
 #include "trace/Trace.h"

@@ -1,4 +1,4 @@
-#include "object/ObjectStorage.h"
+#include "LoginStorage/object/ObjectStorage.h"
 
 #include "trace/Trace.h"
 

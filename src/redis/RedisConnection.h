@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "redis/RedisLink.h"
-#include "redis/RedisOptions.h"
+#include "LoginStorage/redis/RedisOptions.h"
 #include "redis/RedisReply.h"
 
 namespace VelLogin {

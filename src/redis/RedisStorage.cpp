@@ -1,4 +1,4 @@
-#include "redis/RedisStorage.h"
+#include "LoginStorage/redis/RedisStorage.h"
 
 #include <chrono>
 #include <cstring>

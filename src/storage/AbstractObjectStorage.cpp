@@ -1,4 +1,4 @@
-#include "storage/AbstractObjectStorage.h"
+#include "LoginStorage/storage/AbstractObjectStorage.h"
 
 namespace VelLogin {
 

@@ -1,4 +1,4 @@
-#include "storage/AbstractStorage.h"
+#include "LoginStorage/storage/AbstractStorage.h"
 
 #include "trace/Trace.h"
 

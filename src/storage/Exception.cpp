@@ -1,4 +1,4 @@
-#include "storage/Exception.h"
+#include "LoginStorage/storage/Exception.h"
 
 namespace VelLogin {
 

@@ -1,4 +1,4 @@
-#include "storage/IStorable.h"
+#include "LoginStorage/storage/IStorable.h"
 
 namespace VelLogin {
 

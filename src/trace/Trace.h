@@ -30,8 +30,10 @@
 #include <string>
 #include <typeinfo>
 
-#include "platform/DebugSettings.h"
-#include "platform/TraceSink.h"
+#include "LoginStorage/platform/DebugSettings.h"
+#include "util/DebugTopics.h"
+#include "util/Demangler.h"
+#include "util/TraceSink.h"
 
 namespace VelLogin {
 namespace trace {

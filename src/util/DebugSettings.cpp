@@ -1,4 +1,4 @@
-#include "platform/DebugSettings.h"
+#include "LoginStorage/platform/DebugSettings.h"
 
 bool VelLoginDebug::m_coverage = false;
 bool VelLoginDebug::m_printColor = false;

@@ -1,8 +1,4 @@
-#include <string>
-#include <vector>
-
-#include "platform/TraceHandler.h"
-#include "platform/TraceSink.h"
+#include "util/DebugTopics.h"
 
 namespace {
 
@@ -17,8 +13,4 @@ std::vector<std::string>& topicTable() {
 
 DebugTopics::DebugTopics(const char* topicName) { topicTable().emplace_back(topicName); }
 
-namespace VelLogin {
-
-std::vector<std::string> registeredTraceTopics() { return topicTable(); }
-
-}  // namespace VelLogin
+std::vector<std::string> DebugTopics::names() { return topicTable(); }

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/TraceSink.h"
+#include "util/Demangler.h"
 
 namespace {
 

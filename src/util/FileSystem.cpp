@@ -1,4 +1,4 @@
-#include "platform/FileSystem.h"
+#include "util/FileSystem.h"
 
 #include <dirent.h>
 #include <errno.h>
@@ -9,7 +9,7 @@
 #include <atomic>
 #include <new>
 
-#include "platform/Durability.h"
+#include "LoginStorage/platform/Durability.h"
 
 // Without large-file support a 32-bit build cannot stat a file of 2 GiB or
 // more, nor list a folder with an inode number above 2^32 (XFS inode64,

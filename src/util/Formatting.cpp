@@ -1,6 +1,6 @@
 #include <cstdio>
 
-#include "platform/TraceSink.h"
+#include "util/Formatting.h"
 
 void formatInto(std::vector<char>& out, const char* format, va_list args) {
   if (out.size() < 256) out.resize(256);

@@ -1,62 +1,40 @@
+#include "util/TraceSink.h"
+
 #include <cstdarg>
-#include <cstdio>
-#include <mutex>
-#include <string>
 #include <vector>
 
-#include "platform/TraceHandler.h"
-#include "platform/TraceSink.h"
+#include "LoginStorage/platform/TraceHandler.h"
+#include "util/Formatting.h"
 
 thread_local std::ostringstream log_msg;
 thread_local char sm_log[kTraceBufferSize];
 
 namespace {
 
-void writeToStderr(void*, const char*, int, const char* line) {
-  std::fprintf(stderr, "%s\n", line);
-}
+// Set while this thread hands a line of this library's on. A line the
+// handler itself causes here is dropped before it is formatted, so that the
+// buffer the handler is reading stays as it is.
+thread_local bool t_handingOn = false;
 
-// Held while the handler runs and while it is replaced: handlers need no lock
-// of their own, and once setTraceHandler() has returned no thread is still in
-// the old handler (whose context the caller may then free).
-std::mutex g_handlerLock;
-VelLogin::TraceHandler g_handler = writeToStderr;
-void* g_handlerContext = nullptr;
-
-// Set while this thread runs the handler. Lines that a handler causes (it
-// keeps lines in a store that traces) are dropped: they would recurse, and
-// would reuse the buffer of the line the handler is holding.
-thread_local bool t_inHandler = false;
-
-class HandlerCall {
+class HandingOn {
  public:
-  HandlerCall() : m_hold(g_handlerLock) { t_inHandler = true; }
-  ~HandlerCall() { t_inHandler = false; }
-  HandlerCall(const HandlerCall&) = delete;
-  HandlerCall& operator=(const HandlerCall&) = delete;
-
- private:
-  std::lock_guard<std::mutex> m_hold;
+  HandingOn() { t_handingOn = true; }
+  ~HandingOn() { t_handingOn = false; }
+  HandingOn(const HandingOn&) = delete;
+  HandingOn& operator=(const HandingOn&) = delete;
 };
-
-// Locks the handler for a change unless this thread is the one running it
-// (and holds the lock already).
-std::unique_lock<std::mutex> lockForChange() {
-  return t_inHandler ? std::unique_lock<std::mutex>()
-                     : std::unique_lock<std::mutex>(g_handlerLock);
-}
 
 }  // namespace
 
 void tderrorFunc(const char* topic, int severity, int, const char* format, ...) {
-  if (t_inHandler) return;
+  if (t_handingOn) return;
   thread_local std::vector<char> line;
   va_list args;
   va_start(args, format);
   formatInto(line, format, args);
   va_end(args);
-  HandlerCall call;
-  g_handler(g_handlerContext, topic, severity, line.data());
+  HandingOn handingOn;
+  VelLogin::writeTraceLine(topic, severity, line.data());
 }
 
 const char* tellu_printf(const char* format, ...) {
@@ -67,27 +45,3 @@ const char* tellu_printf(const char* format, ...) {
   va_end(args);
   return text.data();
 }
-
-namespace VelLogin {
-
-TraceHandler setTraceHandler(TraceHandler handler, void* context) {
-  std::unique_lock<std::mutex> hold = lockForChange();
-  TraceHandler previous = g_handler;
-  g_handler = handler != nullptr ? handler : writeToStderr;
-  g_handlerContext = handler != nullptr ? context : nullptr;
-  return previous;
-}
-
-TraceHandler traceHandler(void** context) {
-  std::unique_lock<std::mutex> hold = lockForChange();
-  if (context != nullptr) *context = g_handlerContext;
-  return g_handler;
-}
-
-void writeTraceLine(const char* topic, int severity, const char* line) {
-  if (t_inHandler) return;
-  HandlerCall call;
-  g_handler(g_handlerContext, topic, severity, line);
-}
-
-}  // namespace VelLogin

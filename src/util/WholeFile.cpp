@@ -1,4 +1,5 @@
-// Whole-file read and atomic whole-file replace, and the durability switch.
+#include "util/WholeFile.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -13,17 +14,16 @@
 #include <cstring>
 #include <string>
 
-#include "platform/Durability.h"
-#include "platform/FileSystem.h"
-#include "platform/TemporaryFileName.h"
-#include "storage/Exception.h"
+#include "LoginStorage/platform/Durability.h"
+#include "LoginStorage/storage/Exception.h"
+#include "util/FileSystem.h"
+#include "util/TemporaryFileName.h"
 
 namespace {
 
 constexpr mode_t kFileMode = 0600;
 constexpr mode_t kPermissionBits = 0777;
 
-std::atomic<bool> g_durableWrites{false};
 std::atomic<unsigned> g_temporaryCounter{0};
 
 [[noreturn]] void fail(const char* what, int error, const std::string& path) {
@@ -45,11 +45,9 @@ std::string folderOf(const std::string& path) {
 // A hidden name for a temporary file, unique within this process and, by the
 // process id, among live processes.
 void appendTemporaryName(std::string& folder) {
-  char name[64];
-  std::snprintf(name, sizeof name, "%s%ld-%u", VelLogin::temporary_file_name::kPrefix,
-                static_cast<long>(::getpid()),
-                g_temporaryCounter.fetch_add(1, std::memory_order_relaxed));
-  folder += name;
+  folder += VelLogin::temporary_file_name::make(
+      static_cast<unsigned long long>(::getpid()),
+      g_temporaryCounter.fetch_add(1, std::memory_order_relaxed));
 }
 
 // Keeps SIGXFSZ from this thread while it writes under a file-size limit:
@@ -121,19 +119,6 @@ bool takeOverAccess(int fd, const struct stat& old) {
 }  // namespace
 
 namespace VelLogin {
-
-void setDurableWrites(bool on) { g_durableWrites.store(on, std::memory_order_relaxed); }
-
-bool durableWrites() { return g_durableWrites.load(std::memory_order_relaxed); }
-
-bool isTemporaryFileName(const char* name) {
-  unsigned long long pid = 0;
-  return temporary_file_name::parse(name, &pid);
-}
-
-bool isAbandonedTemporaryFileName(const char* name) {
-  return temporary_file_name::isAbandoned(name);
-}
 
 WholeFileReader::WholeFileReader(const std::string& path) noexcept
     : m_fd(-1), m_size(0), m_failure(nullptr), m_error(0) {

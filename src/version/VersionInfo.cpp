@@ -1,7 +1,7 @@
 // The version-information record as read-only data. The values the team
 // chooses come from VersionValues.h (generated); the rest is fixed by the
 // record format and written out here.
-#include "VersionInfo.h"
+#include "LoginStorage/version/VersionInfo.h"
 
 #include "VersionValues.h"
 

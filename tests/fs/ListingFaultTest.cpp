@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "fs/FileSystemStorage.h"
-#include "platform/FileSystem.h"
+#include "LoginStorage/fs/FileSystemStorage.h"
+#include "util/FileSystem.h"
 #include "support/TempFolder.h"
 #include "support/TraceCapture.h"
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/TraceHandler.h"
+#include "LoginStorage/platform/TraceHandler.h"
 #include "trace/Trace.h"
 
 namespace VelLogin {

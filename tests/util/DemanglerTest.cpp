@@ -4,7 +4,8 @@
 #include <string>
 #include <typeinfo>
 
-#include "platform/TraceSink.h"
+#include "util/Demangler.h"
+#include "util/TraceSink.h"
 
 namespace VelLogin {
 struct Outer {

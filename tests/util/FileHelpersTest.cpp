@@ -10,9 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "platform/Durability.h"
-#include "platform/FileSystem.h"
-#include "storage/Exception.h"
+#include "LoginStorage/platform/Durability.h"
+#include "util/FileSystem.h"
+#include "util/WholeFile.h"
+#include "LoginStorage/storage/Exception.h"
 #include "support/TempFolder.h"
 
 using testsupport::listFolder;

@@ -23,7 +23,7 @@
 #include "Output.h"
 #include "Progress.h"
 #include "VersionText.h"
-#include "platform/TemporaryFileName.h"
+#include "util/TemporaryFileName.h"
 #ifdef LOGINSTORAGE_TOOL_HAS_REDIS
 #include "LoginStorage/redis/RedisStorage.h"
 #endif

@@ -10,7 +10,7 @@
 
 #include "KeyText.h"
 #include "Progress.h"
-#include "platform/TemporaryFileName.h"
+#include "util/TemporaryFileName.h"
 
 namespace tool {
 

@@ -1,19 +1,26 @@
-// The name grammar of writeFile()'s temporary files, ".lstmp-<pid>-<n>" (1 to
-// 10 digits each), inline so that the loginstorage tool sorts folder entries
-// by the very rule the folder store uses. Private: not installed.
-#ifndef LOGINSTORAGE_PLATFORM_TEMPORARYFILENAME_H
-#define LOGINSTORAGE_PLATFORM_TEMPORARYFILENAME_H
+// The names of writeFile()'s temporary files, ".lstmp-<pid>-<n>" (1 to 10
+// digits each): the one place that makes and reads them. Inline, so that the
+// loginstorage tool, the fuzzers and the tests sort folder entries by the
+// very rule the folder store uses. Private: not installed.
+#ifndef LOGINSTORAGE_UTIL_TEMPORARYFILENAME_H
+#define LOGINSTORAGE_UTIL_TEMPORARYFILENAME_H
 
 #include <errno.h>
 #include <signal.h>
 #include <sys/types.h>
 
 #include <cstring>
+#include <string>
 
 namespace VelLogin {
 namespace temporary_file_name {
 
 constexpr char kPrefix[] = ".lstmp-";
+
+// The temporary name of writer pid's counter-th file.
+inline std::string make(unsigned long long pid, unsigned long long counter) {
+  return kPrefix + std::to_string(pid) + "-" + std::to_string(counter);
+}
 
 // Reads the decimal number at text (1 to 10 digits, so 64 bits hold it on
 // every platform) into value; the first
@@ -36,6 +43,12 @@ inline bool parse(const char* name, unsigned long long* pid) {
   if (p == nullptr || *p != '-') return false;
   p = digits(p + 1, &counter);
   return p != nullptr && *p == '\0';
+}
+
+// True when name is exactly a temporary name: never a record.
+inline bool matches(const char* name) {
+  unsigned long long pid = 0;
+  return parse(name, &pid);
 }
 
 // True when name is a temporary name whose writer no longer exists, so that
