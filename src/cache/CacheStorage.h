@@ -42,8 +42,8 @@ namespace VelLogin {
 
 class LOGINSTORAGE_EXPORT CacheStorage : public AbstractObjectStorage {
  public:
-  // One cached object and the time it expires, in seconds since the epoch
-  // (still valid during that second). Copies share the object.
+  // One cached object and the time it expires, in seconds since the epoch.
+  // Copies share the object.
   class LOGINSTORAGE_EXPORT CacheRecord {
    public:
     // A placeholder (expiry 0, no object) until a record is assigned over it.

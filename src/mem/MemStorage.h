@@ -42,8 +42,8 @@ namespace VelLogin {
 
 class LOGINSTORAGE_EXPORT MemStorage : public AbstractObjectStorage {
  public:
-  // One stored object and the time it expires, in seconds since the epoch
-  // (still valid during that second). Copies share the object.
+  // One stored object and the time it expires, in seconds since the epoch.
+  // Copies share the object.
   class LOGINSTORAGE_EXPORT MemRecord {
    public:
     // A placeholder (expiry 0, no object) until a record is assigned over it.
