@@ -18,12 +18,12 @@ CacheStorage::CacheRecord::~CacheRecord() = default;
 
 bool CacheStorage::CacheRecord::expired() {
   LS_TRACE_ENTRY("expired");
-  return expiry::now() > m_expirationTime;
+  return expiry::expiredAt(m_expirationTime, expiry::now());
 }
 
 bool CacheStorage::CacheRecord::expired(long now) {
   LS_TRACE_ENTRY("expired");
-  return now > m_expirationTime;
+  return expiry::expiredAt(m_expirationTime, now);
 }
 
 RefCountPtr<IStorable> CacheStorage::CacheRecord::getStorable() {
@@ -33,8 +33,7 @@ RefCountPtr<IStorable> CacheStorage::CacheRecord::getStorable() {
 
 void CacheStorage::CacheRecord::set(long lifetime, RefCountPtr<IStorable> obj) {
   LS_TRACE_ENTRY("set");
-  m_expirationTime = expiry::expiryFromNow(lifetime);
-  if (&obj != &m_storable) m_storable = obj;
+  expiry::renew(m_expirationTime, m_storable, lifetime, obj);
 }
 
 // ---- CacheStorage ----------------------------------------------------------
@@ -191,24 +190,8 @@ void CacheStorage::setFactoryFunc(FactoryFunc factory) {
 
 void CacheStorage::cleanup() {
   LS_TRACE_ENTRY("cleanup");
-  const long now = expiry::now();
-  if (now <= expiry::saturatingAdd(m_lastCleanup, m_lifetime)) return;
-  // Too few records: the time of the last pass stays, so the next call
-  // tests again.
-  if (m_records.size() <= m_cleanupThreshold) return;
-  LS_TRACE_MSG(3, "Running cleanup...");
-  auto it = m_records.begin();
-  while (it != m_records.end()) {
-    if (it->second.expired(now)) {
-      auto victim = it++;
-      m_records.erase(victim);
-      ++m_counters.recordsSwept;
-    } else {
-      ++it;
-    }
-  }
-  ++m_counters.sweeps;
-  m_lastCleanup = now;
+  expiry::sweep(m_records, m_lastCleanup, m_lifetime, m_cleanupThreshold, m_counters,
+                [] { LS_TRACE_MSG(3, "Running cleanup..."); });
 }
 
 }  // namespace VelLogin

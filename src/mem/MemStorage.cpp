@@ -25,12 +25,12 @@ MemStorage::MemRecord::~MemRecord() = default;
 
 bool MemStorage::MemRecord::expired() {
   LS_TRACE_ENTRY("expired");
-  return expiry::now() > m_expirationTime;
+  return expiry::expiredAt(m_expirationTime, expiry::now());
 }
 
 bool MemStorage::MemRecord::expired(long now) {
   LS_TRACE_ENTRY("expired");
-  return now > m_expirationTime;
+  return expiry::expiredAt(m_expirationTime, now);
 }
 
 RefCountPtr<IStorable> MemStorage::MemRecord::getStorable() {
@@ -40,8 +40,7 @@ RefCountPtr<IStorable> MemStorage::MemRecord::getStorable() {
 
 void MemStorage::MemRecord::set(long lifetime, RefCountPtr<IStorable> obj) {
   LS_TRACE_ENTRY("set");
-  m_expirationTime = expiry::expiryFromNow(lifetime);
-  m_storable = obj;
+  expiry::renew(m_expirationTime, m_storable, lifetime, obj);
 }
 
 // ---- MemStorage ------------------------------------------------------------
@@ -160,24 +159,8 @@ void MemStorage::setFactoryFunc(FactoryFunc) { LS_TRACE_ENTRY("setFactoryFunc");
 
 void MemStorage::cleanup() {
   LS_TRACE_ENTRY("cleanup");
-  const long now = expiry::now();
-  if (now <= expiry::saturatingAdd(m_lastCleanup, m_lifetime)) return;
-  // A table too small to sweep leaves m_lastCleanup alone, so the first call
-  // that finds it large enough runs at once.
-  if (m_records.size() <= m_cleanupThreshold) return;
-  LS_TRACE_MSG(3, "Running cleanup...");
-  auto it = m_records.begin();
-  while (it != m_records.end()) {
-    if (it->second.expired(now)) {
-      auto victim = it++;
-      m_records.erase(victim);
-      ++m_counters.recordsSwept;
-    } else {
-      ++it;
-    }
-  }
-  ++m_counters.sweeps;
-  m_lastCleanup = now;
+  expiry::sweep(m_records, m_lastCleanup, m_lifetime, m_cleanupThreshold, m_counters,
+                [] { LS_TRACE_MSG(3, "Running cleanup..."); });
 }
 
 }  // namespace VelLogin

@@ -1,5 +1,7 @@
 #include "redis/RedisScan.h"
 
+#include <chrono>
+
 namespace VelLogin {
 
 namespace {
@@ -33,6 +35,7 @@ void RedisScan::start() {
   m_cursor = "0";
   m_done = false;
   m_spent = {};
+  m_end = RedisConnection::Clock::now() + std::chrono::milliseconds(m_connection.walkTimeoutMs());
   m_cursorsSeen.clear();
   m_keysSeen.clear();
 }

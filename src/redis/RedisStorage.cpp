@@ -1,6 +1,5 @@
 #include "LoginStorage/redis/RedisStorage.h"
 
-#include <chrono>
 #include <cstring>
 #include <new>
 #include <string>
@@ -177,32 +176,25 @@ bool RedisStorage::delAll() {
   // count against the walk's time as well as its SCANs, so that a server
   // that answers DEL slowly cannot stretch the whole to a timeout per batch.
   RedisScan scan(*m_connection, m_prefix);
-  scan.start();
-  const RedisConnection::Clock::time_point end =
-      RedisConnection::Clock::now() + std::chrono::milliseconds(m_connection->walkTimeoutMs());
-  std::vector<std::string> keys;
   std::vector<std::string> fullKeys;
   std::vector<std::string_view> command;
-  bool ok = true;
-  while (ok && !scan.done()) {
-    ok = scan.next(keys);
-    if (!ok || keys.empty()) continue;
-    fullKeys.clear();
-    command.assign(1, "DEL");
-    for (const std::string& key : keys) fullKeys.push_back(m_prefix + key);
-    command.insert(command.end(), fullKeys.begin(), fullKeys.end());
-    if (RedisConnection::Clock::now() >= end) {
-      ok = m_connection->fail("timeout: removing the records took more than " +
-                              std::to_string(m_connection->walkTimeoutMs()) + " ms");
-      break;
+  const bool ok = scan.walk([&](const std::vector<std::string>& keys) {
+    if (RedisConnection::Clock::now() >= scan.end()) {
+      return m_connection->fail("timeout: removing the records took more than " +
+                                std::to_string(m_connection->walkTimeoutMs()) + " ms");
     }
-    m_connection->startStep(end);
+    fullKeys.clear();
+    for (const std::string& key : keys) fullKeys.push_back(m_prefix + key);
+    command.assign(1, "DEL");
+    command.insert(command.end(), fullKeys.begin(), fullKeys.end());
+    m_connection->startStep(scan.end());
     // Records that another client removed meanwhile count as removed.
     long long removed = 0;
-    ok = readInteger(*m_connection, m_connection->run(command.data(), command.size(), kScalarReply),
-                     "DEL", removed) &&
-         m_connection->confirmWrite();
-  }
+    return readInteger(*m_connection,
+                       m_connection->run(command.data(), command.size(), kScalarReply), "DEL",
+                       removed) &&
+           m_connection->confirmWrite();
+  });
   if (!ok) LS_REDIS_TRACE_FAILURE();
   LS_TRACE_MSG(1, "<%s>: %s in deleting all content", m_connection->location().c_str(),
                ok ? "SUCCESS" : "FAILURE");
@@ -298,15 +290,13 @@ unsigned RedisStorage::getNumElements() const {
   }
   // A walk of its own: an open iteration goes on undisturbed.
   RedisScan scan(*m_connection, m_prefix);
-  scan.start();
-  std::vector<std::string> keys;
   unsigned count = 0;
-  while (!scan.done()) {
-    if (!scan.next(keys)) {
-      LS_REDIS_TRACE_FAILURE();
-      return 0;
-    }
-    count += static_cast<unsigned>(keys.size());
+  if (!scan.walk([&count](const std::vector<std::string>& keys) {
+        count += static_cast<unsigned>(keys.size());
+        return true;
+      })) {
+    LS_REDIS_TRACE_FAILURE();
+    return 0;
   }
   return count;
 }

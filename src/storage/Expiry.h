@@ -1,11 +1,17 @@
-// Expiry arithmetic shared by the stores that keep lifetimes. Times are whole
-// seconds in a signed long; a record's expiry is the time it was stored plus
-// its lifetime, and it is expired only once the clock is strictly past that.
+// Expiry arithmetic and the expiring record shared by the stores that keep
+// lifetimes. Times are whole seconds in a signed long; a record's expiry is
+// the time it was stored plus its lifetime, and it is expired only once the
+// clock is strictly past that, so it is still valid during the very second
+// of its expiry.
 //
 // The sums saturate instead of overflowing: a lifetime so large that the sum
 // would pass the largest long means "never expires" (and "never due" for a
 // cleanup pass), not a wrapped, long-past time. A sum below the smallest long
 // stays at the smallest long, i.e. long expired.
+//
+// The memory store and the cache keep their records in exported nested
+// classes whose layout is fixed; the rules live here as functions over those
+// records' two fields, and the classes only forward to them.
 //
 // Private to the library: no installed header includes it.
 #ifndef LOGINSTORAGE_STORAGE_EXPIRY_H
@@ -13,6 +19,9 @@
 
 #include <climits>
 #include <ctime>
+
+#include "storage/IStorable.h"
+#include "storage/RefCountPtr.h"
 
 namespace VelLogin {
 namespace expiry {
@@ -31,6 +40,48 @@ inline long now() { return static_cast<long>(::time(nullptr)); }
 
 // The expiry time of a record stored now with the given lifetime.
 inline long expiryFromNow(long lifetime) { return saturatingAdd(now(), lifetime); }
+
+// Whether a record expiring at expiryTime is expired at time `at`.
+inline bool expiredAt(long expiryTime, long at) { return at > expiryTime; }
+
+// Restarts a record's lifetime from now and gives it obj. The expiry is
+// written before the old object is released, so that whatever its
+// destruction does meets a record that is already renewed.
+inline void renew(long& expiryTime, RefCountPtr<IStorable>& storable, long lifetime,
+                  const RefCountPtr<IStorable>& obj) {
+  expiryTime = expiryFromNow(lifetime);
+  storable = obj;
+}
+
+// The cleanup pass of a table of expiring records (MemRecord, CacheRecord):
+// it runs only when more than `spacing` seconds have passed since lastPass
+// (the last pass that ran, or construction) and the table holds more than
+// `threshold` records. Both tests are cheap, so callers may call it as often
+// as they like. A table too small to sweep leaves lastPass alone, so that the
+// first call that finds it large enough runs at once.
+//
+// A pass judges every record against one reading of the clock, calls
+// announce() once before it removes anything, and counts itself and its
+// removals in counters.sweeps and counters.recordsSwept.
+template <class Table, class Counters, class Announce>
+void sweep(Table& records, long& lastPass, long spacing, unsigned threshold, Counters& counters,
+           Announce announce) {
+  const long at = now();
+  if (at <= saturatingAdd(lastPass, spacing)) return;
+  if (records.size() <= threshold) return;
+  announce();
+  auto it = records.begin();
+  while (it != records.end()) {
+    if (it->second.expired(at)) {
+      it = records.erase(it);
+      ++counters.recordsSwept;
+    } else {
+      ++it;
+    }
+  }
+  ++counters.sweeps;
+  lastPass = at;
+}
 
 }  // namespace expiry
 }  // namespace VelLogin

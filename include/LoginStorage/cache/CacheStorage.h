@@ -42,26 +42,22 @@ namespace VelLogin {
 
 class LOGINSTORAGE_EXPORT CacheStorage : public AbstractObjectStorage {
  public:
-  // One cached object and its absolute expiry time (seconds since the epoch).
-  // Copying shares the object; destroying releases the record's reference.
+  // One cached object and the time it expires, in seconds since the epoch.
+  // Copies share the object.
   class LOGINSTORAGE_EXPORT CacheRecord {
    public:
-    // Expiry 0 and no object: only a placeholder until a real record is
-    // assigned over it.
+    // A placeholder (expiry 0, no object) until a record is assigned over it.
     CacheRecord();
-    // Expires at time() + lifetime (saturating: a huge lifetime never
-    // expires); shares obj.
+    // Expires at time() + lifetime, saturating; shares obj.
     CacheRecord(long lifetime, RefCountPtr<IStorable> obj);
     CacheRecord(const CacheRecord&) = default;
     CacheRecord& operator=(const CacheRecord&) = default;
     virtual ~CacheRecord();
 
-    // True once time() is strictly greater than the expiry time.
+    // Whether the record is expired now, or at a time the caller read once.
     bool expired();
-    // The same test against a time the caller read once (a sweep judges
-    // every record at one instant).
     bool expired(long now);
-    // A further reference to the cached object.
+    // A further reference to the object (null for a placeholder).
     RefCountPtr<IStorable> getStorable();
     // Restarts the lifetime from time() and replaces the object.
     void set(long lifetime, RefCountPtr<IStorable> obj);
@@ -136,10 +132,9 @@ class LOGINSTORAGE_EXPORT CacheStorage : public AbstractObjectStorage {
   RefCountPtr<IStorable> getNext() override;
   void setFactoryFunc(FactoryFunc factory) override;
 
-  // Removes stale records, if a pass is due: more than `lifetime` seconds
-  // since the last pass that ran (or construction), and more cached records
-  // than `cleanupThreshold`. When only the count stops it, the time of the
-  // last pass is left alone. get() and set() call it first.
+  // Removes stale records when a pass is due: more than `lifetime` seconds
+  // after the last pass (or construction) and more than `cleanupThreshold`
+  // cached records, as MemStorage::cleanup(). get() and set() call it first.
   virtual void cleanup();
 
   // Not virtual: the virtual table of the store is fixed.

@@ -12,7 +12,8 @@
 // Nothing sweeps on its own: the application calls cleanup() as often as it
 // likes. A pass runs only when more than `lifetime` seconds have passed since
 // construction or the last pass, and only while the table holds more than
-// `cleanupThreshold` records; both tests are cheap.
+// `cleanupThreshold` records (a table too small leaves the time of the last
+// pass alone); both tests are cheap.
 //
 // Raw records and iteration are not supported and exist as fixed stubs:
 // setRaw() accepts and discards, getRaw() and the get-all iteration come back
@@ -41,30 +42,24 @@ namespace VelLogin {
 
 class LOGINSTORAGE_EXPORT MemStorage : public AbstractObjectStorage {
  public:
-  // One stored object and its absolute expiry time (seconds since the epoch).
-  // Copying shares the object; destroying releases the record's reference.
+  // One stored object and the time it expires, in seconds since the epoch.
+  // Copies share the object.
   class LOGINSTORAGE_EXPORT MemRecord {
    public:
-    // Expiry 0 and no object: only a placeholder until a real record is
-    // assigned over it.
+    // A placeholder (expiry 0, no object) until a record is assigned over it.
     MemRecord();
-    // Expires at time() + lifetime (saturating: a huge lifetime never
-    // expires); shares obj.
+    // Expires at time() + lifetime, saturating; shares obj.
     MemRecord(long lifetime, RefCountPtr<IStorable> obj);
     MemRecord(const MemRecord&) = default;
     MemRecord& operator=(const MemRecord&) = default;
     virtual ~MemRecord();
 
-    // True once time() is strictly greater than the expiry time: a record is
-    // still valid during the very second of its expiry.
+    // Whether the record is expired now, or at a time the caller read once.
     bool expired();
-    // The same test against a time the caller read once, so that a sweep
-    // judges every record at one instant.
     bool expired(long now);
-    // A further reference to the stored object (null for a placeholder).
+    // A further reference to the object (null for a placeholder).
     RefCountPtr<IStorable> getStorable();
-    // Restarts the lifetime from time() and replaces the object; the old one
-    // loses this record's reference.
+    // Restarts the lifetime from time() and replaces the object.
     void set(long lifetime, RefCountPtr<IStorable> obj);
 
    private:
@@ -131,11 +126,7 @@ class LOGINSTORAGE_EXPORT MemStorage : public AbstractObjectStorage {
   // Stub: objects are stored whole, nothing is rebuilt; does nothing.
   void setFactoryFunc(FactoryFunc factory) override;
 
-  // Removes expired records, if a pass is due: more than `lifetime` seconds
-  // since the last pass that ran (or construction), and more records than
-  // `cleanupThreshold`. When only the count stops it, the time of the last
-  // pass is left alone, so the first call that finds the table large enough
-  // runs at once.
+  // Removes expired records when a pass is due (see the banner).
   virtual void cleanup();
 
   // Not virtual: the virtual table of the store is fixed.
