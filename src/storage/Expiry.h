@@ -20,8 +20,8 @@
 #include <climits>
 #include <ctime>
 
-#include "storage/IStorable.h"
-#include "storage/RefCountPtr.h"
+#include "LoginStorage/storage/IStorable.h"
+#include "LoginStorage/storage/RefCountPtr.h"
 
 namespace VelLogin {
 namespace expiry {
