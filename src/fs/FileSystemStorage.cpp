@@ -16,12 +16,6 @@ LS_TRACE_REGISTER_TOPICS()
 
 namespace {
 
-// "." and ".." are the folder's links, not records; any other name is one,
-// "..." and hidden names included.
-bool isDotEntry(const char* name) {
-  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
-}
-
 // The object whose delAll() is running on this thread: its del() calls leave
 // the folder's flush to the end of delAll().
 thread_local const VelLogin::FileSystemStorage* t_folderSyncDeferredFor = nullptr;

@@ -14,6 +14,12 @@
 #include <cstddef>
 #include <string>
 
+// "." and ".." are a folder's links, never records; any other name may be
+// one, "..." and hidden names included.
+inline bool isDotEntry(const char* name) {
+  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
 // An open folder listing; null when there is none.
 typedef void* FsDirHandle;
 

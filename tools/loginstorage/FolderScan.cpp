@@ -10,6 +10,7 @@
 
 #include "KeyText.h"
 #include "Progress.h"
+#include "util/FileSystem.h"
 #include "util/TemporaryFileName.h"
 
 namespace tool {
@@ -17,10 +18,6 @@ namespace tool {
 namespace {
 
 namespace tmpname = VelLogin::temporary_file_name;
-
-bool isDotEntry(const char* name) {
-  return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
-}
 
 // Errors that mean "this entry is not (or no longer) a record": it vanished,
 // dangles, or loops.
