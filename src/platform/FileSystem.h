@@ -118,6 +118,10 @@ class WholeFileReader {
 void writeFile(const std::string& path, const char* data, size_t size);
 void writeFile(const std::string& path, const std::string& content);
 
+// Flushes an open file's (or folder's) data to the device. False, with
+// errno set, when that fails.
+bool FsSync(int fd);
+
 // True when name, an entry of a folder, is one of writeFile's temporary
 // files (".lstmp-<digits>-<digits>"): a record's new content on its way to its
 // own name, or what a writer killed on that way left behind. Never a record.
@@ -132,6 +136,9 @@ namespace filesystem_testing {
 // given entries names; error 0 lets listings run as the system gives them.
 // No real file system fails a listing on demand.
 void failListingsAfter(unsigned entries, int error);
+// Makes every flush (FsSync, FsDirSync) and every read of a whole file fail
+// with error; 0 ends it. Devices fail these only when they are dying.
+void failFileIo(int error);
 }  // namespace filesystem_testing
 
 }  // namespace VelLogin

@@ -130,8 +130,10 @@ bool FsDirSync(const std::string& path) {
   if (hasNul(path)) return false;
   int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return false;
-  const bool synced = ::fsync(fd) == 0;
+  const bool synced = VelLogin::FsSync(fd);
+  const int error = errno;
   ::close(fd);
+  errno = error;
   return synced;
 }
 

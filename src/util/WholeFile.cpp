@@ -25,6 +25,7 @@ constexpr mode_t kPermissionBits = 0777;
 
 std::atomic<bool> g_durableWrites{false};
 std::atomic<unsigned> g_temporaryCounter{0};
+std::atomic<int> g_fileIoFault{0};
 
 [[noreturn]] void fail(const char* what, int error, const std::string& path) {
   throw VelLogin::Exception(std::string(what) + ": " + std::strerror(error), path);
@@ -126,6 +127,15 @@ void setDurableWrites(bool on) { g_durableWrites.store(on, std::memory_order_rel
 
 bool durableWrites() { return g_durableWrites.load(std::memory_order_relaxed); }
 
+bool FsSync(int fd) {
+  errno = g_fileIoFault.load(std::memory_order_relaxed);
+  return errno == 0 && ::fsync(fd) == 0;
+}
+
+namespace filesystem_testing {
+void failFileIo(int error) { g_fileIoFault.store(error); }
+}  // namespace filesystem_testing
+
 bool isTemporaryFileName(const char* name) {
   unsigned long long pid = 0;
   return temporary_file_name::parse(name, &pid);
@@ -171,7 +181,8 @@ bool WholeFileReader::readInto(char* buffer, size_t* got) noexcept {
   const size_t size = static_cast<size_t>(m_size);
   size_t done = 0;
   while (done < size) {
-    ssize_t n = ::read(m_fd, buffer + done, size - done);
+    errno = g_fileIoFault.load(std::memory_order_relaxed);
+    const ssize_t n = errno != 0 ? -1 : ::read(m_fd, buffer + done, size - done);
     if (n < 0) {
       if (errno == EINTR) continue;
       m_failure = "cannot read file";
@@ -229,7 +240,7 @@ void writeFile(const std::string& path, const char* data, size_t size) {
   if (fd < 0) fail("cannot create temporary file", errno, path);
 
   bool written = (!replacing || takeOverAccess(fd, old)) && writeAll(fd, data, size) &&
-                 (!durable || ::fsync(fd) == 0);
+                 (!durable || FsSync(fd));
   int error = errno;
   if (::close(fd) != 0 && errno != EINTR && written) {
     written = false;

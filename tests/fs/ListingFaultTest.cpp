@@ -1,9 +1,11 @@
-// A folder listing that fails part-way, which no real file system does on
-// demand: the store is linked here from its own objects, so that the file
-// helpers' fault switch reaches it.
+// Faults no real file system gives on demand: a folder listing that fails
+// part-way, a flush or a read that fails, a file that shrinks while read.
+// The store is linked here from its own objects, so that the file helpers'
+// fault switches reach it.
 #include <gtest/gtest.h>
 
 #include <errno.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -11,7 +13,10 @@
 #include <vector>
 
 #include "fs/FileSystemStorage.h"
+#include "platform/Durability.h"
 #include "platform/FileSystem.h"
+#include "storage/Exception.h"
+#include "support/Records.h"
 #include "support/TempFolder.h"
 #include "support/TraceCapture.h"
 
@@ -26,7 +31,11 @@ class ListingFaultTest : public ::testing::Test {
   void SetUp() override {
     for (const char* key : {"a", "b", "c"}) ASSERT_TRUE(store.setRaw(key, "x", 1, 0));
   }
-  void TearDown() override { VelLogin::filesystem_testing::failListingsAfter(0, 0); }
+  void TearDown() override {
+    VelLogin::filesystem_testing::failListingsAfter(0, 0);
+    VelLogin::filesystem_testing::failFileIo(0);
+    VelLogin::setDurableWrites(false);
+  }
   std::string failure(int error = EIO) const {
     return "[ERROR] FileSystemStorage::" + method + ": folder <" + tmp.path() +
            "/>: FsDirRead failed: " + std::strerror(error);
@@ -76,6 +85,58 @@ TEST_F(ListingFaultTest, DelAllRemovesWhatWasListedAndFails) {
   EXPECT_EQ(lines.front(), failure());
   EXPECT_EQ(lines.back(), "[ERROR] FileSystemStorage::delAll: folder <" + tmp.path() +
                               "/>: FAILURE in deleting all content");
+}
+
+// A record that cannot be read or flushed is no record: nothing half-read
+// reaches the caller, and a replacement that was not flushed keeps the old
+// record in place.
+TEST_F(ListingFaultTest, FailedReadsAndFlushesFailTheOperation) {
+  VelLogin::setDurableWrites(true);
+  VelLogin::filesystem_testing::failFileIo(EIO);
+  EXPECT_FALSE(store.setRaw("a", "new", 3, 0));
+  try {
+    VelLogin::writeFile(tmp / "a", "new");
+    ADD_FAILURE() << "writeFile did not fail";
+  } catch (const VelLogin::Exception& e) {
+    EXPECT_EQ(e.getMessage(), std::string("cannot write temporary file: ") + std::strerror(EIO));
+  }
+  EXPECT_EQ(listFolder(tmp.path()), (Lines{"a", "b", "c"}));
+  EXPECT_EQ(testsupport::readFileBytes(tmp / "a"), "x");
+
+  char buffer[4] = "abc";
+  char* data = buffer;
+  unsigned len = sizeof buffer;
+  TraceCapture trace(4);
+  EXPECT_FALSE(store.getRaw("a", data, len));
+  EXPECT_EQ(data, buffer);
+  EXPECT_EQ(len, 0u);
+  EXPECT_STREQ(buffer, "abc");
+  EXPECT_EQ(testsupport::readRecord(store, "a"), "missing");
+  try {
+    VelLogin::readFile(tmp / "a");
+    ADD_FAILURE() << "readFile did not fail";
+  } catch (const VelLogin::Exception& e) {
+    EXPECT_EQ(e.getMessage(), std::string("cannot read file: ") + std::strerror(EIO));
+  }
+  EXPECT_FALSE(store.delAll());
+  EXPECT_EQ(listFolder(tmp.path()), Lines{});
+  EXPECT_EQ(trace.messages().front(), "[ERROR] FileSystemStorage::getRaw: Folder <" + tmp.path() +
+                                          "/> VelLogin::readFile failed to read file: a");
+  EXPECT_EQ(trace.messages().back(), "[ERROR] FileSystemStorage::delAll: folder <" + tmp.path() +
+                                         "/>: FAILURE in deleting all content");
+}
+
+// Between the size and the read another writer may truncate the file in
+// place: what is there then is the content, not the bytes beyond it.
+TEST_F(ListingFaultTest, AFileThatShrinksWhileReadGivesWhatItHolds) {
+  VelLogin::WholeFileReader file(tmp / "a");
+  ASSERT_TRUE(file.ok());
+  ASSERT_EQ(::truncate((tmp / "a").c_str(), 0), 0);
+  char buffer[1] = {'#'};
+  size_t got = 7;
+  EXPECT_TRUE(file.readInto(buffer, &got));
+  EXPECT_EQ(got, 0u);
+  EXPECT_EQ(buffer[0], '#');
 }
 
 }  // namespace
