@@ -2,9 +2,8 @@
 // part-way, a flush or a read that fails, a file that shrinks while read.
 // The store is linked here from its own objects, so that the file helpers'
 // fault switches reach it.
-#include <gtest/gtest.h>
-
 #include <errno.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -87,6 +86,17 @@ TEST_F(ListingFaultTest, DelAllRemovesWhatWasListedAndFails) {
                               "/>: FAILURE in deleting all content");
 }
 
+// The message of the Exception the call throws; "" when it throws none.
+template <typename Call>
+std::string thrown(Call call) {
+  try {
+    call();
+  } catch (const VelLogin::Exception& e) {
+    return e.getMessage();
+  }
+  return "";
+}
+
 // A record that cannot be read or flushed is no record: nothing half-read
 // reaches the caller, and a replacement that was not flushed keeps the old
 // record in place.
@@ -94,12 +104,8 @@ TEST_F(ListingFaultTest, FailedReadsAndFlushesFailTheOperation) {
   VelLogin::setDurableWrites(true);
   VelLogin::filesystem_testing::failFileIo(EIO);
   EXPECT_FALSE(store.setRaw("a", "new", 3, 0));
-  try {
-    VelLogin::writeFile(tmp / "a", "new");
-    ADD_FAILURE() << "writeFile did not fail";
-  } catch (const VelLogin::Exception& e) {
-    EXPECT_EQ(e.getMessage(), std::string("cannot write temporary file: ") + std::strerror(EIO));
-  }
+  EXPECT_EQ(thrown([&] { VelLogin::writeFile(tmp / "a", "new"); }),
+            std::string("cannot write temporary file: ") + std::strerror(EIO));
   EXPECT_EQ(listFolder(tmp.path()), (Lines{"a", "b", "c"}));
   EXPECT_EQ(testsupport::readFileBytes(tmp / "a"), "x");
 
@@ -112,12 +118,8 @@ TEST_F(ListingFaultTest, FailedReadsAndFlushesFailTheOperation) {
   EXPECT_EQ(len, 0u);
   EXPECT_STREQ(buffer, "abc");
   EXPECT_EQ(testsupport::readRecord(store, "a"), "missing");
-  try {
-    VelLogin::readFile(tmp / "a");
-    ADD_FAILURE() << "readFile did not fail";
-  } catch (const VelLogin::Exception& e) {
-    EXPECT_EQ(e.getMessage(), std::string("cannot read file: ") + std::strerror(EIO));
-  }
+  EXPECT_EQ(thrown([&] { VelLogin::readFile(tmp / "a"); }),
+            std::string("cannot read file: ") + std::strerror(EIO));
   EXPECT_FALSE(store.delAll());
   EXPECT_EQ(listFolder(tmp.path()), Lines{});
   EXPECT_EQ(trace.messages().front(), "[ERROR] FileSystemStorage::getRaw: Folder <" + tmp.path() +

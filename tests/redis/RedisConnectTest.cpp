@@ -17,8 +17,8 @@
 #include "support/TraceCapture.h"
 
 using testsupport::readRecord;
-using testsupport::writeRecord;
 using testsupport::RedisServer;
+using testsupport::writeRecord;
 using VelLogin::RedisOptions;
 using VelLogin::RedisStorage;
 
@@ -132,10 +132,11 @@ TEST(RedisConnectTest, TheSameStoreFollowsAFailoverAndKeepsWhatReplicasConfirmed
   RedisStorage store(options);
   options.waitReplicas = 1;
   RedisStorage durable(options);
-  for (int i = 0; i < 20; ++i) ASSERT_TRUE(writeRecord(durable, "k" + std::to_string(i), "confirmed"));
+  for (int i = 0; i < 20; ++i)
+    ASSERT_TRUE(writeRecord(durable, "k" + std::to_string(i), "confirmed"));
   ASSERT_TRUE(writeRecord(store, "before", "x"));
 
-  master.kill();
+  master.stop(SIGKILL);
   testsupport::TraceCapture quiet;
   auto slowest = std::chrono::steady_clock::duration::zero();
   const auto timed = [&](auto operation) {

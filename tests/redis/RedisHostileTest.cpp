@@ -33,7 +33,9 @@ std::string perform(Operation operation, VelLogin::RedisStorage& store) {
     case Operation::Walk: {
       if (!store.startGetAll()) return "refused";
       std::string records;
-      for (const auto& [key, bytes] : testsupport::drain(store, false)) records += key + "=" + bytes + ";";
+      for (const auto& [key, bytes] : testsupport::drain(store, false)) {
+        records += key + "=" + bytes + ";";
+      }
       store.endGetAll();
       return records;
     }

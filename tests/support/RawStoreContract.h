@@ -78,8 +78,8 @@ TYPED_TEST_P(RawStoreContract, LengthIsTheCapacityInAndTheRecordsLengthOut) {
   {
     TraceCapture trace;
     EXPECT_EQ(readRecord(store, "ten", 0), "missing");
-    EXPECT_EQ(trace.messages(),
-              std::vector<std::string>{this->line("ERROR", "getRaw", "ERROR: wrong usage! len==0")});
+    EXPECT_EQ(trace.messages(), std::vector<std::string>{
+                                    this->line("ERROR", "getRaw", "ERROR: wrong usage! len==0")});
   }
   char buffer[12] = "untouched!!";
   char* data = buffer;
