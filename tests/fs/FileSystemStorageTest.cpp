@@ -36,11 +36,12 @@ struct FolderEnvironment {
   static constexpr const char* kClass = "FileSystemStorage";
   static constexpr bool kCounts = false;  // a folder keeps no count
   bool ready() const { return true; }
-  VelLogin::AbstractStorage& store() { return folder; }
-  std::string where() const { return "folder <" + tmp.path() + "/>: "; }
+  VelLogin::AbstractStorage& store() { return files; }
+  std::string folder() const { return tmp.path() + "/"; }
+  std::string where() const { return "folder <" + folder() + ">: "; }
 
   testsupport::TempFolder tmp;
-  FileSystemStorage folder{tmp.path(), 0, false, false, 0};
+  FileSystemStorage files{tmp.path(), 0, false, false, 0};
 };
 
 }  // namespace
@@ -53,16 +54,7 @@ namespace {
 
 const std::string kBinary("\0\x01\xff\x7f rec\0\0\n", 11);
 
-class FileSystemStorageTest : public ::testing::Test {
- protected:
-  std::string folder() const { return tmp.path() + "/"; }
-  std::string line(const char* method, const std::string& text) const {
-    return std::string(method) + "<" + folder() + ">: " + text;
-  }
-
-  testsupport::TempFolder tmp;
-  FileSystemStorage store{tmp.path(), 0, false, false, 0};
-};
+class FileSystemStorageTest : public ::testing::Test, protected FolderEnvironment {};
 
 TEST_F(FileSystemStorageTest, FolderGetsOneTrailingSlashAndIsCreatedOwnerOnlyWhenMissing) {
   for (const auto& [argument, normalised] : std::map<std::string, std::string>{
@@ -91,16 +83,16 @@ TEST_F(FileSystemStorageTest, FolderGetsOneTrailingSlashAndIsCreatedOwnerOnlyWhe
 
 TEST_F(FileSystemStorageTest, RecordIsExactlyItsBytesOnDiskAndNeverExpires) {
   testsupport::FakeClock::set(1000);
-  ASSERT_TRUE(writeRecord(store, "bin", kBinary, 5));
+  ASSERT_TRUE(writeRecord(files, "bin", kBinary, 5));
   EXPECT_EQ(listFolder(tmp.path()), Lines{"bin"});
   EXPECT_EQ(readFileBytes(tmp / "bin"), kBinary);
   testsupport::FakeClock::advance(1000000);
-  EXPECT_EQ(readRecord(store, "bin"), kBinary);
+  EXPECT_EQ(readRecord(files, "bin"), kBinary);
   testsupport::FakeClock::useRealTime();
 
   TraceCapture trace(7, true);
-  EXPECT_EQ(store.getNumElements(), 0u);
-  EXPECT_EQ(readRecord(store, "bin", 9), "too long: 11");
+  EXPECT_EQ(files.getNumElements(), 0u);
+  EXPECT_EQ(readRecord(files, "bin", 9), "too long: 11");
   EXPECT_EQ(trace.texts(), (Lines{"[TRACE] FileSystemStorage::getNumElements: begin",
                                   "[TRACE] FileSystemStorage::getRaw: begin",
                                   "[WARNING] FileSystemStorage::getRaw: WARNING: data was not "
@@ -112,8 +104,8 @@ TEST_F(FileSystemStorageTest, DeleteAfterSetWritesThenRemovesTheRecord) {
   TraceCapture trace(4);
   EXPECT_TRUE(once.setRaw("k", "x", 1, 0));
   EXPECT_EQ(listFolder(tmp.path()), Lines{});
-  EXPECT_EQ(trace.messages(), Lines{line("[ERROR] FileSystemStorage::del: folder ",
-                                         "SUCCESS in deleting record with key <k>")});
+  EXPECT_EQ(trace.messages(), Lines{"[ERROR] FileSystemStorage::del: " + where() +
+                                    "SUCCESS in deleting record with key <k>"});
 }
 
 // A record reaches its name through a hidden temporary file; a writer killed
@@ -132,18 +124,18 @@ TEST_F(FileSystemStorageTest, TemporaryFilesAreNoRecordsAndKilledWritersFilesGo)
   testsupport::writeFileBytes(tmp / inFlight, "new bytes");
   testsupport::writeFileBytes(tmp / (prefix + "0-1"), "no writer has id 0");
   const Records records = {{prefix, "a"}, {prefix + "x-1", "b"}, {prefix + "1-2-3", "c"}};
-  for (const auto& [key, bytes] : records) ASSERT_TRUE(writeRecord(store, key, bytes));
+  for (const auto& [key, bytes] : records) ASSERT_TRUE(writeRecord(files, key, bytes));
   {
     TraceCapture trace(4);
-    EXPECT_FALSE(writeRecord(store, prefix + "1-2", "hidden"));
+    EXPECT_FALSE(writeRecord(files, prefix + "1-2", "hidden"));
     EXPECT_EQ(trace.messages(), Lines{"[ERROR] FileSystemStorage::setRaw: ERROR: key <" + prefix +
                                       "1-2> has the form of a temporary file"});
   }
 
-  EXPECT_EQ(drain(store), records);
+  EXPECT_EQ(drain(files), records);
   EXPECT_EQ(listFolder(tmp.path()), (Lines{prefix, prefix + "1-2-3", inFlight, prefix + "x-1"}));
   testsupport::writeFileBytes(tmp / left, "debris again");
-  EXPECT_TRUE(store.delAll());
+  EXPECT_TRUE(files.delAll());
   EXPECT_EQ(listFolder(tmp.path()), Lines{inFlight});
 }
 
@@ -162,16 +154,16 @@ TEST_F(FileSystemStorageTest, FilesOfGibibytesGiveTheirTrueSizeOrNone) {
   for (const auto& c : cases) {
     ASSERT_TRUE(testsupport::makeSparseFile(tmp / c.key, c.size));
     TraceCapture trace(4);
-    EXPECT_EQ(readRecord(store, c.key, 100), c.read) << c.key;
-    EXPECT_TRUE(store.isInStorage(c.key)) << c.key;
+    EXPECT_EQ(readRecord(files, c.key, 100), c.read) << c.key;
+    EXPECT_TRUE(files.isInStorage(c.key)) << c.key;
     if (std::string(c.read) == "missing") {
       EXPECT_EQ(trace.messages(), Lines{"[ERROR] FileSystemStorage::getRaw: Folder <" + folder() +
                                         "> VelLogin::readFile failed to read file: " + c.key});
     }
   }
-  ASSERT_TRUE(store.del("2GiB+1") && store.del("4GiB-1"));  // readable, but not in memory
-  ASSERT_TRUE(writeRecord(store, "a", "x"));
-  EXPECT_EQ(drain(store), (Records{{"a", "x"}}));
+  ASSERT_TRUE(files.del("2GiB+1") && files.del("4GiB-1"));  // readable, but not in memory
+  ASSERT_TRUE(writeRecord(files, "a", "x"));
+  EXPECT_EQ(drain(files), (Records{{"a", "x"}}));
 }
 
 size_t openDescriptors() { return listFolder("/proc/self/fd").size(); }
@@ -179,15 +171,15 @@ size_t openDescriptors() { return listFolder("/proc/self/fd").size(); }
 // The limit's signal is kept from the process, which only a child without
 // SIGXFSZ ignored can show; nor does the failed write keep its file open.
 TEST_F(FileSystemStorageTest, WriteBeyondTheFileSizeLimitFailsAndTheProcessLives) {
-  ASSERT_TRUE(writeRecord(store, "k", "old"));
+  ASSERT_TRUE(writeRecord(files, "k", "old"));
   const pid_t child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
     const rlimit limit = {4096, 4096};
     const size_t before = openDescriptors();
     ::_exit(::setrlimit(RLIMIT_FSIZE, &limit) == 0 &&
-                    !writeRecord(store, "k", std::string(8192, 'n')) &&
-                    openDescriptors() == before && readRecord(store, "k") == "old"
+                    !writeRecord(files, "k", std::string(8192, 'n')) &&
+                    openDescriptors() == before && readRecord(files, "k") == "old"
                 ? 0
                 : 1);
   }
@@ -199,31 +191,21 @@ TEST_F(FileSystemStorageTest, WriteBeyondTheFileSizeLimitFailsAndTheProcessLives
 }
 
 TEST_F(FileSystemStorageTest, NoOperationLeavesADescriptorOpen) {
-  ASSERT_TRUE(writeRecord(store, "a", "12"));
-  std::string key;
-  char* data = nullptr;
-  unsigned len = 0;
+  ASSERT_TRUE(writeRecord(files, "a", "12"));
   const std::vector<std::pair<const char*, std::function<void()>>> operations = {
-      {"read", [&] { readRecord(store, "a"); }},
-      {"read too long", [&] { readRecord(store, "a", 1); }},
-      {"read missing", [&] { readRecord(store, "missing"); }},
-      {"write", [&] { writeRecord(store, "c", "3"); }},
-      {"failed write", [&] { writeRecord(store, "no/such", "3"); }},
-      {"iteration to the end", [&] { drain(store); }},
-      {"iteration ended early",
-       [&] {
-         store.startGetAll();
-         len = 10;
-         if (store.getNextRaw(key, data, len)) delete[] data;
-         data = nullptr;
-         store.endGetAll();
-       }},
+      {"read", [&] { readRecord(files, "a"); }},
+      {"read too long", [&] { readRecord(files, "a", 1); }},
+      {"read missing", [&] { readRecord(files, "missing"); }},
+      {"write", [&] { writeRecord(files, "c", "3"); }},
+      {"failed write", [&] { writeRecord(files, "no/such", "3"); }},
+      {"iteration to the end", [&] { drain(files); }},
+      {"iteration ended early", [&] { files.startGetAll(), files.endGetAll(); }},
       {"iteration ended by destruction",
        [&] {
          FileSystemStorage other(tmp.path(), 0, false, false, 0);
          other.startGetAll();
        }},
-      {"delAll", [&] { store.delAll(); }},
+      {"delAll", [&] { files.delAll(); }},
   };
   for (const auto& [name, operation] : operations) {
     const size_t before = openDescriptors();
