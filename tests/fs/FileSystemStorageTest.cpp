@@ -199,7 +199,11 @@ TEST_F(FileSystemStorageTest, NoOperationLeavesADescriptorOpen) {
       {"write", [&] { writeRecord(files, "c", "3"); }},
       {"failed write", [&] { writeRecord(files, "no/such", "3"); }},
       {"iteration to the end", [&] { drain(files); }},
-      {"iteration ended early", [&] { files.startGetAll(), files.endGetAll(); }},
+      {"iteration ended early",
+       [&] {
+         files.startGetAll();
+         files.endGetAll();
+       }},
       {"iteration ended by destruction",
        [&] {
          FileSystemStorage other(tmp.path(), 0, false, false, 0);
