@@ -30,6 +30,7 @@ struct Listing {
 
 std::atomic<int> g_listingFault{0};
 std::atomic<unsigned> g_listingFaultAfter{0};
+std::atomic<int> g_fileIoFault{0};
 
 bool hasNul(const std::string& path) { return path.find('\0') != std::string::npos; }
 
@@ -130,9 +131,16 @@ bool FsDirSync(const std::string& path) {
   if (hasNul(path)) return false;
   int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) return false;
-  const bool synced = ::fsync(fd) == 0;
+  const bool synced = FsSync(fd);
+  const int error = errno;
   ::close(fd);
+  errno = error;
   return synced;
+}
+
+bool FsSync(int fd) {
+  errno = g_fileIoFault.load(std::memory_order_relaxed);
+  return errno == 0 && ::fsync(fd) == 0;
 }
 
 void FsDirClose(FsDirHandle handle) {
@@ -148,5 +156,9 @@ void failListingsAfter(unsigned entries, int error) {
   g_listingFaultAfter.store(entries);
   g_listingFault.store(error);
 }
+
+void failFileIo(int error) { g_fileIoFault.store(error); }
+
+int fileIoFault() { return g_fileIoFault.load(std::memory_order_relaxed); }
 }  // namespace filesystem_testing
 }  // namespace VelLogin

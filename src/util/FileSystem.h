@@ -58,6 +58,10 @@ int FsDirError(FsDirHandle handle);
 // or removed in it survives a power cut. False when that fails.
 bool FsDirSync(const std::string& path);
 
+// Flushes an open file's (or folder's) data to the device. False, with
+// errno set, when that fails.
+bool FsSync(int fd);
+
 // Closes the listing; a null handle is ignored.
 void FsDirClose(FsDirHandle handle);
 
@@ -67,6 +71,11 @@ namespace filesystem_testing {
 // given entries names; error 0 lets listings run as the system gives them.
 // No real file system fails a listing on demand.
 void failListingsAfter(unsigned entries, int error);
+// Makes every flush (FsSync, FsDirSync) and every read of a whole file fail
+// with error; 0 ends it. Devices fail these only when they are dying.
+void failFileIo(int error);
+// The error failFileIo() set, 0 when none.
+int fileIoFault();
 }  // namespace filesystem_testing
 }  // namespace VelLogin
 

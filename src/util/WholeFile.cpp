@@ -156,7 +156,8 @@ bool WholeFileReader::readInto(char* buffer, size_t* got) noexcept {
   const size_t size = static_cast<size_t>(m_size);
   size_t done = 0;
   while (done < size) {
-    ssize_t n = ::read(m_fd, buffer + done, size - done);
+    errno = VelLogin::filesystem_testing::fileIoFault();
+    const ssize_t n = errno != 0 ? -1 : ::read(m_fd, buffer + done, size - done);
     if (n < 0) {
       if (errno == EINTR) continue;
       m_failure = "cannot read file";
@@ -214,7 +215,7 @@ void writeFile(const std::string& path, const char* data, size_t size) {
   if (fd < 0) fail("cannot create temporary file", errno, path);
 
   bool written = (!replacing || takeOverAccess(fd, old)) && writeAll(fd, data, size) &&
-                 (!durable || ::fsync(fd) == 0);
+                 (!durable || FsSync(fd));
   int error = errno;
   if (::close(fd) != 0 && errno != EINTR && written) {
     written = false;

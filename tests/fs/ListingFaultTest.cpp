@@ -1,9 +1,10 @@
-// A folder listing that fails part-way, which no real file system does on
-// demand: the store is linked here from its own objects, so that the file
-// helpers' fault switch reaches it.
-#include <gtest/gtest.h>
-
+// Faults no real file system gives on demand: a folder listing that fails
+// part-way, a flush or a read that fails, a file that shrinks while read.
+// The store is linked here from its own objects, so that the file helpers'
+// fault switches reach it.
 #include <errno.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -11,7 +12,11 @@
 #include <vector>
 
 #include "LoginStorage/fs/FileSystemStorage.h"
+#include "LoginStorage/platform/Durability.h"
 #include "util/FileSystem.h"
+#include "util/WholeFile.h"
+#include "LoginStorage/storage/Exception.h"
+#include "support/Records.h"
 #include "support/TempFolder.h"
 #include "support/TraceCapture.h"
 
@@ -26,7 +31,11 @@ class ListingFaultTest : public ::testing::Test {
   void SetUp() override {
     for (const char* key : {"a", "b", "c"}) ASSERT_TRUE(store.setRaw(key, "x", 1, 0));
   }
-  void TearDown() override { VelLogin::filesystem_testing::failListingsAfter(0, 0); }
+  void TearDown() override {
+    VelLogin::filesystem_testing::failListingsAfter(0, 0);
+    VelLogin::filesystem_testing::failFileIo(0);
+    VelLogin::setDurableWrites(false);
+  }
   std::string failure(int error = EIO) const {
     return "[ERROR] FileSystemStorage::" + method + ": folder <" + tmp.path() +
            "/>: FsDirRead failed: " + std::strerror(error);
@@ -44,20 +53,8 @@ TEST_F(ListingFaultTest, IterationEndsWithTheErrorAfterWhatWasListed) {
   method = "getNextInternal";
   for (int error : {EIO, EOVERFLOW}) {
     VelLogin::filesystem_testing::failListingsAfter(4, error);
-    ASSERT_TRUE(store.startGetAll());
-    std::string key;
-    unsigned delivered = 0;
-    char* data = nullptr;
-    unsigned len = store.getMaxRecordLen();
     TraceCapture trace(4);
-    while (store.getNextRaw(key, data, len)) {
-      ++delivered;
-      delete[] data;
-      data = nullptr;
-      len = store.getMaxRecordLen();
-    }
-    store.endGetAll();
-    EXPECT_EQ(delivered, 2u) << error;
+    EXPECT_EQ(testsupport::drain(store).size(), 2u) << error;
     Lines lines = trace.messages();
     lines.pop_back();  // "ending GetAll session"
     EXPECT_EQ(std::count(lines.begin(), lines.end(), failure(error)), 1) << error;
@@ -76,6 +73,73 @@ TEST_F(ListingFaultTest, DelAllRemovesWhatWasListedAndFails) {
   EXPECT_EQ(lines.front(), failure());
   EXPECT_EQ(lines.back(), "[ERROR] FileSystemStorage::delAll: folder <" + tmp.path() +
                               "/>: FAILURE in deleting all content");
+}
+
+// The message of the Exception the call throws; "" when it throws none.
+template <typename Call>
+std::string thrown(Call call) {
+  try {
+    call();
+  } catch (const VelLogin::Exception& e) {
+    return e.getMessage();
+  }
+  return "";
+}
+
+// A record that cannot be read or flushed is no record: nothing half-read
+// reaches the caller, and a replacement that was not flushed keeps the old
+// record in place.
+TEST_F(ListingFaultTest, FailedReadsAndFlushesFailTheOperation) {
+  VelLogin::setDurableWrites(true);
+  VelLogin::filesystem_testing::failFileIo(EIO);
+  EXPECT_FALSE(store.setRaw("a", "new", 3, 0));
+  EXPECT_EQ(thrown([&] { VelLogin::writeFile(tmp / "a", "new"); }),
+            std::string("cannot write temporary file: ") + std::strerror(EIO));
+  EXPECT_EQ(listFolder(tmp.path()), (Lines{"a", "b", "c"}));
+  EXPECT_EQ(testsupport::readFileBytes(tmp / "a"), "x");
+
+  char buffer[4] = "abc";
+  char* data = buffer;
+  unsigned len = sizeof buffer;
+  TraceCapture trace(4);
+  EXPECT_FALSE(store.getRaw("a", data, len));
+  EXPECT_EQ(data, buffer);
+  EXPECT_EQ(len, 0u);
+  EXPECT_STREQ(buffer, "abc");
+  EXPECT_EQ(testsupport::readRecord(store, "a"), "missing");
+  EXPECT_EQ(thrown([&] { VelLogin::readFile(tmp / "a"); }),
+            std::string("cannot read file: ") + std::strerror(EIO));
+  EXPECT_FALSE(store.delAll());
+  EXPECT_EQ(listFolder(tmp.path()), Lines{});
+  // The records' own flushes wait for the folder's one at the end. Records
+  // go in listing order.
+  const std::string folder = "<" + tmp.path() + "/>";
+  const std::string unread = "[ERROR] FileSystemStorage::getRaw: Folder " + folder +
+                             " VelLogin::readFile failed to read file: a";
+  Lines expected = {unread, unread};
+  for (const char* key : {"a", "b", "c"}) {
+    expected.push_back("[ERROR] FileSystemStorage::del: folder " + folder +
+                       ": SUCCESS in deleting record with key <" + key + ">");
+  }
+  expected.push_back("[ERROR] FileSystemStorage::delAll: folder " + folder +
+                     ": FAILURE in deleting all content");
+  Lines messages = trace.messages();
+  std::sort(messages.begin(), messages.end());
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(messages, expected);
+}
+
+// Between the size and the read another writer may truncate the file in
+// place: what is there then is the content, not the bytes beyond it.
+TEST_F(ListingFaultTest, AFileThatShrinksWhileReadGivesWhatItHolds) {
+  VelLogin::WholeFileReader file(tmp / "a");
+  ASSERT_TRUE(file.ok());
+  ASSERT_EQ(::truncate((tmp / "a").c_str(), 0), 0);
+  char buffer[1] = {'#'};
+  size_t got = 7;
+  EXPECT_TRUE(file.readInto(buffer, &got));
+  EXPECT_EQ(got, 0u);
+  EXPECT_EQ(buffer[0], '#');
 }
 
 }  // namespace

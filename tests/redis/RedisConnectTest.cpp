@@ -18,14 +18,11 @@
 
 using testsupport::readRecord;
 using testsupport::RedisServer;
+using testsupport::writeRecord;
 using VelLogin::RedisOptions;
 using VelLogin::RedisStorage;
 
 namespace {
-
-bool set(RedisStorage& store, const std::string& key, const std::string& value) {
-  return store.setRaw(key, value.data(), static_cast<unsigned>(value.size()), 0);
-}
 
 // Polls a server's state while it settles; false when it has not within
 // the time.
@@ -78,7 +75,7 @@ TEST(RedisConnectTest, PasswordAclUserDatabaseAndUnixSocket) {
     testsupport::TraceCapture trace;
     RedisStorage store(options);
     const std::string value = std::string("from ") + c.name;
-    EXPECT_EQ(set(store, "k", value), c.error.empty());
+    EXPECT_EQ(writeRecord(store, "k", value), c.error.empty());
     EXPECT_EQ(store.lastError(), c.error);
     if (!c.error.empty()) {
       EXPECT_FALSE(store.startGetAll());  // an outage, not an empty store
@@ -135,10 +132,11 @@ TEST(RedisConnectTest, TheSameStoreFollowsAFailoverAndKeepsWhatReplicasConfirmed
   RedisStorage store(options);
   options.waitReplicas = 1;
   RedisStorage durable(options);
-  for (int i = 0; i < 20; ++i) ASSERT_TRUE(set(durable, "k" + std::to_string(i), "confirmed"));
-  ASSERT_TRUE(set(store, "before", "x"));
+  for (int i = 0; i < 20; ++i)
+    ASSERT_TRUE(writeRecord(durable, "k" + std::to_string(i), "confirmed"));
+  ASSERT_TRUE(writeRecord(store, "before", "x"));
 
-  master.kill();
+  master.stop(SIGKILL);
   testsupport::TraceCapture quiet;
   auto slowest = std::chrono::steady_clock::duration::zero();
   const auto timed = [&](auto operation) {
@@ -148,7 +146,7 @@ TEST(RedisConnectTest, TheSameStoreFollowsAFailoverAndKeepsWhatReplicasConfirmed
     return ok;
   };
   const auto promoted = [&] {
-    return timed([&] { return set(store, "after", "y"); }) &&
+    return timed([&] { return writeRecord(store, "after", "y"); }) &&
            timed([&] { return readRecord(store, "after") == "y"; });
   };
   const auto begin = std::chrono::steady_clock::now();
@@ -165,7 +163,7 @@ TEST(RedisConnectTest, TheSameStoreFollowsAFailoverAndKeepsWhatReplicasConfirmed
   EXPECT_FALSE(durable.isInStorage("k0"));
   EXPECT_EQ(durable.lastError().rfind("EXISTS failed: ", 0), 0u) << durable.lastError();
   // The new master has no replica left: a write that must reach one fails.
-  EXPECT_FALSE(set(durable, "lonely", "z"));
+  EXPECT_FALSE(writeRecord(durable, "lonely", "z"));
   EXPECT_EQ(durable.lastError(), "WAIT: 0 of 1 replicas confirmed the write in time");
 }
 
@@ -179,10 +177,10 @@ TEST(RedisConnectTest, ADemotedMasterSendsTheStoreBackToTheSentinels) {
   options.sentinels = {{"127.0.0.1", sentinel.port()}};
   options.masterName = "logins";
   RedisStorage store(options);
-  ASSERT_TRUE(set(store, "k", "v"));
+  ASSERT_TRUE(writeRecord(store, "k", "v"));
 
   EXPECT_EQ(server.command({"REPLICAOF", "127.0.0.1", std::to_string(other.port())}), "+OK");
-  EXPECT_FALSE(set(store, "k", "w"));
+  EXPECT_FALSE(writeRecord(store, "k", "w"));
   EXPECT_EQ(store.lastError(), "SET failed: READONLY You can't write against a read only replica.");
   // Asked again, the sentinel still names it: the store will not read a
   // replica as if it were the master.
@@ -190,7 +188,7 @@ TEST(RedisConnectTest, ADemotedMasterSendsTheStoreBackToTheSentinels) {
   EXPECT_EQ(store.lastError(), "the server the sentinels name is a slave, not a master");
 
   EXPECT_EQ(server.command({"REPLICAOF", "NO", "ONE"}), "+OK");
-  EXPECT_TRUE(set(store, "k", "x"));
+  EXPECT_TRUE(writeRecord(store, "k", "x"));
   EXPECT_EQ(readRecord(store, "k"), "x");
 }
 

@@ -31,16 +31,10 @@ std::string perform(Operation operation, VelLogin::RedisStorage& store) {
     case Operation::Count:
       return std::to_string(store.getNumElements());
     case Operation::Walk: {
-      std::string records;
       if (!store.startGetAll()) return "refused";
-      std::string key;
-      char* data = nullptr;
-      unsigned len = 100;
-      while (store.getNextRaw(key, data, len)) {
-        records += key + "=" + std::string(data, len) + ";";
-        delete[] data;
-        data = nullptr;
-        len = 100;
+      std::string records;
+      for (const auto& [key, bytes] : testsupport::drain(store, false)) {
+        records += key + "=" + bytes + ";";
       }
       store.endGetAll();
       return records;

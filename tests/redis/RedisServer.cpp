@@ -28,7 +28,9 @@ unsigned freeLoopbackPort() {
 }
 
 RedisServer::RedisServer(std::vector<std::string> arguments, std::string password)
-    : m_port(freeLoopbackPort()), m_arguments(std::move(arguments)), m_password(std::move(password)) {
+    : m_port(freeLoopbackPort()),
+      m_arguments(std::move(arguments)),
+      m_password(std::move(password)) {
   restart();
 }
 
@@ -42,16 +44,9 @@ RedisServer::RedisServer(const Sentinel& sentinel) : m_port(freeLoopbackPort()),
   restart();
 }
 
-void RedisServer::stop() {
+void RedisServer::stop(int signal) {
   if (m_pid <= 0) return;
-  ::kill(m_pid, SIGTERM);
-  ::waitpid(m_pid, nullptr, 0);
-  m_pid = 0;
-}
-
-void RedisServer::kill() {
-  if (m_pid <= 0) return;
-  ::kill(m_pid, SIGKILL);
+  ::kill(m_pid, signal);
   ::waitpid(m_pid, nullptr, 0);
   m_pid = 0;
 }

@@ -8,6 +8,7 @@
 #ifndef LOGINSTORAGE_TESTS_REDIS_REDISSERVER_H
 #define LOGINSTORAGE_TESTS_REDIS_REDISSERVER_H
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <map>
@@ -41,9 +42,8 @@ class RedisServer {
   unsigned port() const { return m_port; }
   // The folder's path + "/" + name.
   std::string path(const std::string& name) const { return m_folder / name; }
-  void stop();
-  // Ends the server at once, as a crash would.
-  void kill();
+  // With SIGKILL the server ends at once, as in a crash.
+  void stop(int signal = SIGTERM);
   // Starts it again on the same port, empty (nothing is saved).
   bool restart();
 
