@@ -11,14 +11,15 @@
 #include <string>
 #include <vector>
 
-#include "platform/TemporaryFileName.h"
 #include "support/TempFolder.h"
+#include "support/TemporaryName.h"
 #include "support/ToolRun.h"
 #ifdef LOGINSTORAGE_TOOL_HAS_REDIS
 #include "redis/RedisServer.h"
 #endif
 
 using testsupport::TempFolder;
+using testsupport::temporaryName;
 using testsupport::ToolRun;
 using testsupport::ToolRunOptions;
 
@@ -30,12 +31,6 @@ ToolRun runTool(const std::vector<std::string>& args, const ToolRunOptions& opti
 
 ToolRun runTool(const std::vector<std::string>& args, const std::string& input) {
   return runTool(args, ToolRunOptions{input});
-}
-
-// The name of a temporary file of writer pid's.
-std::string temporaryName(long pid, unsigned number) {
-  return VelLogin::temporary_file_name::kPrefix + std::to_string(pid) + "-" +
-         std::to_string(number);
 }
 
 // The id of a process that has just ended: no writer of that id is alive.

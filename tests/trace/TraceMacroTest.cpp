@@ -18,9 +18,15 @@ class Probe {
   void message(int severity, const char* text) {
     LS_TRACE_ENTRY("message");
     switch (severity) {
-      case 1: LS_TRACE_MSG(1, "%s", text); break;
-      case 2: LS_TRACE_MSG(2, "%s", text); break;
-      default: LS_TRACE_MSG(3, "%s", text); break;
+      case 1:
+        LS_TRACE_MSG(1, "%s", text);
+        break;
+      case 2:
+        LS_TRACE_MSG(2, "%s", text);
+        break;
+      default:
+        LS_TRACE_MSG(3, "%s", text);
+        break;
     }
   }
   void stream(const std::string& key, unsigned number) {
@@ -109,37 +115,36 @@ TEST_F(TraceMacroTest, ColouredLayoutsPlaceTheResetDifferently) {
   const std::string info = VelLoginDebug::m_svrColors[3];
   m_probe.message(3, "text");
   m_probe.stream("k", 1);
-  EXPECT_EQ(texts(), (std::vector<std::string>{
-                         trace + "[TRACE] \033[0m<cov>Probe::message\033[0m: begin",
-                         info + "[INFO]\033[0m <sto>Probe::message\033[0m: text",
-                         trace + "[TRACE] \033[0m<cov>Probe::stream\033[0m: begin",
-                         info + "[INFO] \033[0m<sto>Probe::stream\033[0m: [PROBE] key 'k' n=1 ok=true",
-                     }));
+  EXPECT_EQ(texts(),
+            (std::vector<std::string>{
+                trace + "[TRACE] \033[0m<cov>Probe::message\033[0m: begin",
+                info + "[INFO]\033[0m <sto>Probe::message\033[0m: text",
+                trace + "[TRACE] \033[0m<cov>Probe::stream\033[0m: begin",
+                info + "[INFO] \033[0m<sto>Probe::stream\033[0m: [PROBE] key 'k' n=1 ok=true",
+            }));
 }
 
-TEST_F(TraceMacroTest, TopicWithoutAColourGetsNoEscape) {
-  VelLoginDebug::m_printColor = true;
-  VelLoginDebug::m_svrColors.assign(7, "");
-  m_probe.message(1, "x");
-  m_probe.stream("k", 2);
-  EXPECT_EQ(texts(), (std::vector<std::string>{
-                         "[ERROR]\033[0m Probe::message\033[0m: x",
-                         "[INFO] \033[0mProbe::stream\033[0m: [PROBE] key 'k' n=2 ok=true",
-                     }));
-}
-
+// A severity beyond the colour table, a topic without a colour and a nulled
+// severity name give no escape and no name, and no crash.
 TEST_F(TraceMacroTest, ShrunkOrNulledSettingsDoNotCrash) {
   VelLoginDebug::m_printColor = true;
   const std::vector<std::string> saved = VelLoginDebug::m_svrColors;
   const char* savedName = VelLoginDebug::sev2StrArr[3];
-  VelLoginDebug::m_svrColors.clear();
+  VelLoginDebug::m_svrColors.resize(3);
+  m_probe.message(3, "x");
+  m_probe.stream("k", 2);
   VelLoginDebug::sev2StrArr[3] = nullptr;
   m_probe.message(3, "x");
   VelLoginDebug::m_svrColors = saved;
   VelLoginDebug::sev2StrArr[3] = savedName;
-  EXPECT_EQ(texts(), (std::vector<std::string>{"[]\033[0m Probe::message\033[0m: x"}));
+  EXPECT_EQ(texts(), (std::vector<std::string>{
+                         "[INFO]\033[0m Probe::message\033[0m: x",
+                         "[INFO] \033[0mProbe::stream\033[0m: [PROBE] key 'k' n=2 ok=true",
+                         "[]\033[0m Probe::message\033[0m: x",
+                     }));
 }
 
+// A line of severity N is written from level N + 1 on, composed or streamed.
 TEST_F(TraceMacroTest, MessageOfSeverityNNeedsALevelAboveN) {
   for (int level = 0; level <= 4; ++level) {
     m_lines.clear();
@@ -147,7 +152,9 @@ TEST_F(TraceMacroTest, MessageOfSeverityNNeedsALevelAboveN) {
     m_probe.message(1, "a");
     m_probe.message(2, "b");
     m_probe.message(3, "c");
-    EXPECT_EQ(m_lines.size(), static_cast<size_t>(level > 1 ? level - 1 : 0)) << level;
+    m_probe.stream("k", 1);
+    EXPECT_EQ(m_lines.size(), static_cast<size_t>(level > 1 ? level - 1 : 0) + (level > 3))
+        << level;
   }
 }
 
@@ -177,23 +184,20 @@ TEST_F(TraceMacroTest, LongMessageIsCutToTheBufferSize) {
   EXPECT_EQ(m_lines[0].text, prefix + longText.substr(0, 5631 - prefix.size()));
 }
 
-TEST_F(TraceMacroTest, LabelIsTheFirstCallersClassForTheWholeProcess) {
+// The label of an inherited method is the class of its first caller, for the
+// whole process; a constructor's is its own class.
+TEST_F(TraceMacroTest, LabelsNameTheFirstCallersClassOrTheConstructors) {
   VelLoginDebug::m_coverage = true;
   activate_tellu_debug_output = 7;
   VelLogin::SecondProbe second;
   VelLogin::FirstProbe first;
   second.inherited();
   first.inherited();
-  EXPECT_EQ(texts(), (std::vector<std::string>{"[TRACE] SecondProbe::inherited: begin",
-                                               "[TRACE] SecondProbe::inherited: begin"}));
-}
-
-TEST_F(TraceMacroTest, ConstructorLabelsWithItsOwnClass) {
-  VelLoginDebug::m_coverage = true;
-  activate_tellu_debug_output = 7;
-  VelLogin::ConstructedProbe probe;
+  VelLogin::ConstructedProbe constructed;
   EXPECT_EQ(texts(),
-            (std::vector<std::string>{"[TRACE] ConstructedProbe::ConstructedProbe: begin"}));
+            (std::vector<std::string>{"[TRACE] SecondProbe::inherited: begin",
+                                      "[TRACE] SecondProbe::inherited: begin",
+                                      "[TRACE] ConstructedProbe::ConstructedProbe: begin"}));
 }
 
 }  // namespace

@@ -3,10 +3,12 @@
 // another process, or a writer killed at any instant, never meets a mixture.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -14,6 +16,7 @@
 #include "platform/FileSystem.h"
 #include "storage/Exception.h"
 #include "support/TempFolder.h"
+#include "support/TemporaryName.h"
 
 using testsupport::listFolder;
 using testsupport::readFileBytes;
@@ -22,10 +25,23 @@ using Lines = std::vector<std::string>;
 
 namespace {
 
+// How body, run in a child process, ended: its result as exit status, or 128
+// plus the signal that ended it.
+int inChild(const std::function<int()>& body) {
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(body());
+  int status = 0;
+  if (child < 0 || ::waitpid(child, &status, 0) != child) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 // false: plain writes; true: durable writes, with their flushes.
 class WriteFileTest : public ::testing::TestWithParam<bool> {
  protected:
-  void SetUp() override { VelLogin::setDurableWrites(GetParam()); }
+  void SetUp() override {
+    VelLogin::setDurableWrites(GetParam());
+    ASSERT_EQ(VelLogin::durableWrites(), GetParam());
+  }
   void TearDown() override { VelLogin::setDurableWrites(false); }
   mode_t mode(const std::string& name) const {
     struct stat info;
@@ -152,10 +168,76 @@ TEST(WriteFileProcessesTest, ReadersAndKillsNeverSeeAMixedRecord) {
   EXPECT_TRUE(last == small || last == large) << "size " << last.size();
   // A kill between naming the new file and the rename may leave that name.
   for (const std::string& name : listFolder(tmp.path())) {
+    unsigned long long pid = 0;
     if (name != "rec") {
-      EXPECT_EQ(name.rfind(".lstmp-", 0), 0u) << name;
+      EXPECT_TRUE(VelLogin::temporary_file_name::parse(name.c_str(), &pid) &&
+                  pid == static_cast<unsigned long long>(writer))
+          << name;
     }
   }
+}
+
+// A name left by an earlier process of the same id is stepped over, and its
+// file left alone (this process has made fewer writes than that).
+TEST(WriteFileTemporaryNameTest, TakenNamesAreSteppedOver) {
+  TempFolder tmp;
+  for (unsigned n = 0; n < 100; ++n)
+    testsupport::writeFileBytes(tmp / testsupport::temporaryName(::getpid(), n), "");
+  VelLogin::writeFile(tmp / "rec", "x");
+  EXPECT_EQ(readFileBytes(tmp / "rec"), "x");
+  EXPECT_EQ(listFolder(tmp.path()).size(), 101u);
+}
+
+// Past a file-size limit a write fails with its cause, and the signal the
+// kernel raises for it ends the process neither then nor later.
+TEST(WriteFileTemporaryNameTest, WriteBeyondTheFileSizeLimitFailsWithoutASignal) {
+  TempFolder tmp;
+  const int status = inChild([&] {
+    const struct rlimit limit = {1024, 1024};
+    if (::setrlimit(RLIMIT_FSIZE, &limit) != 0) return 2;
+    try {
+      VelLogin::writeFile(tmp / "big", std::string(4096, 'x'));
+    } catch (const VelLogin::Exception& e) {
+      return e.getMessage() == "cannot write temporary file: File too large" ? 0 : 3;
+    }
+    return 1;
+  });
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(listFolder(tmp.path()), Lines{});
+}
+
+// A writer that exists but belongs to another user (pid 1, asked by nobody)
+// is alive: its file is not abandoned.
+TEST(WriteFileTemporaryNameTest, AnotherUsersWriterIsAlive) {
+  EXPECT_EQ(inChild([] {
+              if (::geteuid() == 0 && ::setuid(65534) != 0) return 2;
+              return VelLogin::temporary_file_name::isAbandoned(".lstmp-1-1") ? 1 : 0;
+            }),
+            0);
+}
+
+TEST(FolderHelpersTest, CreateTestAndFlushFolders) {
+  TempFolder tmp;
+  VelLogin::setDurableWrites(true);
+  for (const char* path : {"a/b/", "c//d", "e"}) {
+    EXPECT_EQ(velDirCreate(tmp / path), 1) << path;
+    EXPECT_EQ(velIsDir(tmp / path), 1) << path;
+  }
+  VelLogin::setDurableWrites(false);
+  testsupport::writeFileBytes(tmp / "file", "x");
+  EXPECT_EQ(velIsDir(tmp / "file"), 0);
+  EXPECT_EQ(velIsDir(tmp / std::string("e\0x", 3)), 0);
+  EXPECT_TRUE(FsDirSync(tmp / "e"));
+  EXPECT_FALSE(FsDirSync(tmp / std::string("e\0x", 3)));
+
+  // A folder at the top of the tree is flushed into "/" itself.
+  if (::geteuid() != 0) GTEST_SKIP() << "chroot needs root";
+  EXPECT_EQ(inChild([&] {
+              VelLogin::setDurableWrites(true);
+              return ::chroot(tmp.path().c_str()) == 0 && velDirCreate("/x") == 1 ? 0 : 1;
+            }),
+            0);
+  EXPECT_EQ(velIsDir(tmp / "x"), 1);
 }
 
 }  // namespace
