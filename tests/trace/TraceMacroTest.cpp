@@ -87,24 +87,8 @@ class TraceMacroTest : public ::testing::Test {
   VelLogin::Probe m_probe;
 };
 
-TEST_F(TraceMacroTest, PlainLayoutsOfEntryFormattedAndStreamLines) {
-  activate_tellu_debug_output = 7;
-  VelLoginDebug::m_coverage = true;
-  m_probe.message(2, "disk is full");
-  m_probe.stream("alice", 7);
-  EXPECT_EQ(texts(), (std::vector<std::string>{
-                         "[TRACE] Probe::message: begin",
-                         "[WARNING] Probe::message: disk is full",
-                         "[TRACE] Probe::stream: begin",
-                         "[INFO] Probe::stream: [PROBE] key 'alice' n=7 ok=true",
-                     }));
-  EXPECT_EQ(m_lines[0].topic, "COVERAGE");
-  EXPECT_EQ(m_lines[0].severity, 0);
-  EXPECT_EQ(m_lines[1].topic, "STORAGE");
-  EXPECT_EQ(m_lines[1].severity, 2);
-  EXPECT_EQ(m_lines[3].severity, 3);
-}
-
+// Plain layouts are those every store's suite checks; here only what they
+// cannot set: colours, shrunk settings, gates and labels.
 TEST_F(TraceMacroTest, ColouredLayoutsPlaceTheResetDifferently) {
   activate_tellu_debug_output = 7;
   VelLoginDebug::m_coverage = true;
