@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/TraceHandler.h"
+#include "support/TraceCapture.h"
 #include "trace/Trace.h"
 
 namespace VelLogin {
@@ -49,41 +49,12 @@ class ConstructedProbe {
 
 namespace {
 
-struct Line {
-  std::string topic;
-  int severity;
-  std::string text;
-};
-
 class TraceMacroTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    VelLogin::setTraceHandler(&TraceMacroTest::collect, &m_lines);
-    activate_tellu_debug_output = 4;
-    g_MsgTypeMaxThr = 4;
-    VelLoginDebug::m_coverage = false;
-    VelLoginDebug::m_printColor = false;
-    VelLoginDebug::m_topicsColors.clear();
-  }
-  void TearDown() override {
-    VelLogin::setTraceHandler(nullptr, nullptr);
-    activate_tellu_debug_output = 0;
-    VelLoginDebug::m_printColor = false;
-    VelLoginDebug::m_coverage = false;
-    VelLoginDebug::m_topicsColors.clear();
-  }
+  void TearDown() override { VelLoginDebug::m_topicsColors.clear(); }
+  std::vector<std::string> texts() const { return m_trace.texts(); }
 
-  static void collect(void* context, const char* topic, int severity, const char* line) {
-    static_cast<std::vector<Line>*>(context)->push_back({topic, severity, line});
-  }
-
-  std::vector<std::string> texts() const {
-    std::vector<std::string> result;
-    for (const Line& line : m_lines) result.push_back(line.text);
-    return result;
-  }
-
-  std::vector<Line> m_lines;
+  testsupport::TraceCapture m_trace{4};
   VelLogin::Probe m_probe;
 };
 
@@ -131,13 +102,13 @@ TEST_F(TraceMacroTest, ShrunkOrNulledSettingsDoNotCrash) {
 // A line of severity N is written from level N + 1 on, composed or streamed.
 TEST_F(TraceMacroTest, MessageOfSeverityNNeedsALevelAboveN) {
   for (int level = 0; level <= 4; ++level) {
-    m_lines.clear();
+    m_trace.clear();
     activate_tellu_debug_output = level;
     m_probe.message(1, "a");
     m_probe.message(2, "b");
     m_probe.message(3, "c");
     m_probe.stream("k", 1);
-    EXPECT_EQ(m_lines.size(), static_cast<size_t>(level > 1 ? level - 1 : 0) + (level > 3))
+    EXPECT_EQ(m_trace.lines().size(), static_cast<size_t>(level > 1 ? level - 1 : 0) + (level > 3))
         << level;
   }
 }
@@ -146,26 +117,26 @@ TEST_F(TraceMacroTest, EntryLineGates) {
   VelLoginDebug::m_coverage = true;
   activate_tellu_debug_output = 6;
   m_probe.entry();
-  EXPECT_TRUE(m_lines.empty());
+  EXPECT_TRUE(m_trace.lines().empty());
   activate_tellu_debug_output = 7;
   g_MsgTypeMaxThr = 3;
   m_probe.entry();
-  EXPECT_TRUE(m_lines.empty());
+  EXPECT_TRUE(m_trace.lines().empty());
   g_MsgTypeMaxThr = 4;
   m_probe.entry();
   EXPECT_EQ(texts(), (std::vector<std::string>{"[TRACE] Probe::entry: begin"}));
   VelLoginDebug::m_coverage = false;
   m_probe.entry();
-  EXPECT_EQ(m_lines.size(), 1u);
+  EXPECT_EQ(m_trace.lines().size(), 1u);
 }
 
 TEST_F(TraceMacroTest, LongMessageIsCutToTheBufferSize) {
   const std::string longText(10000, 'x');
   m_probe.message(3, longText.c_str());
-  ASSERT_EQ(m_lines.size(), 1u);
+  ASSERT_EQ(m_trace.lines().size(), 1u);
   const std::string prefix = "[INFO] Probe::message: ";
-  EXPECT_EQ(m_lines[0].text.size(), 5631u);
-  EXPECT_EQ(m_lines[0].text, prefix + longText.substr(0, 5631 - prefix.size()));
+  EXPECT_EQ(texts()[0].size(), 5631u);
+  EXPECT_EQ(texts()[0], prefix + longText.substr(0, 5631 - prefix.size()));
 }
 
 // The label of an inherited method is the class of its first caller, for the
