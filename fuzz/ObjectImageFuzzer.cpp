@@ -13,9 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "FuzzFolder.h"
+#include "Require.h"
 #include "LoginStorage/LoginStorage.h"
 #include "platform/TemporaryFileName.h"
+#include "support/TempFolder.h"
 
 using fuzzsupport::require;
 using VelLogin::CacheStorage;
@@ -86,7 +87,7 @@ std::string imageOf(const Ptr& object) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
-  static fuzzsupport::FuzzFolder folder;
+  static testsupport::TempFolder folder;
   static CacheStorage store(
       new ObjectStorage(new FileSystemStorage(folder.path(), 0, false, false, 0),
                         &Session::fromBytes),
@@ -140,6 +141,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
     require(store.get(key, nullptr) == object, "and cached");
   }
   require(store.delAll(), "every record deletes");
-  require(fuzzsupport::namesIn(folder.path()).empty(), "nothing is left behind");
+  require(testsupport::listFolder(folder.path()).empty(), "nothing is left behind");
   return 0;
 }
