@@ -20,6 +20,9 @@ struct Thing {};
 
 template <int N>
 struct AVeryLongTemplateNameThatKeepsGoingAndGoingAndGoingAndGoingAndGoingAndGoingAndGoing {};
+template <int N>
+using LongName =
+    AVeryLongTemplateNameThatKeepsGoingAndGoingAndGoingAndGoingAndGoingAndGoingAndGoing<N>;
 
 namespace {
 
@@ -31,19 +34,15 @@ std::string label(const std::type_info& type, const char* method) {
   return buffer;
 }
 
-TEST(DemanglerTest, LabelIsClassAndMethodWithTheLibraryNamespaceDropped) {
+// The library's namespace is dropped, any other kept; a long label is cut
+// and terminated within the buffer.
+TEST(DemanglerTest, LabelIsClassAndMethod) {
   EXPECT_EQ(label(typeid(VelLogin::Outer), "get"), "Outer::get");
   EXPECT_EQ(label(typeid(VelLogin::Outer::Inner), "expired"), "Outer::Inner::expired");
   EXPECT_EQ(label(typeid(elsewhere::Thing), "set"), "elsewhere::Thing::set");
-}
-
-TEST(DemanglerTest, LongLabelIsCutAndTerminatedWithinTheBuffer) {
-  const std::string result = label(
-      typeid(
-          AVeryLongTemplateNameThatKeepsGoingAndGoingAndGoingAndGoingAndGoingAndGoingAndGoing<1>),
-      "aMethodNameThatIsLongToo");
-  EXPECT_EQ(result.size(), Demangler::kLabelSize - 1);
-  EXPECT_EQ(result.substr(0, 20), "AVeryLongTemplateNam");
+  const std::string cut = label(typeid(LongName<1>), "aMethodNameThatIsLongToo");
+  EXPECT_EQ(cut.size(), Demangler::kLabelSize - 1);
+  EXPECT_EQ(cut.substr(0, 20), "AVeryLongTemplateNam");
 }
 
 // In a thread of its own, so that the formatter's buffer starts unused; a
