@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <string>
 
-#include "Require.h"
 #include "LoginStorage/LoginStorage.h"
+#include "Require.h"
 #include "platform/TemporaryFileName.h"
 #include "support/TempFolder.h"
 
@@ -77,9 +77,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
     require(store.startGetAll(), "the folder can be listed");
     std::string listed;
     len = store.getMaxRecordLen();
-    require(
-        store.getNextRaw(listed, data, len) && listed == key && std::string(data, len) == bytes,
-        "the iteration yields the record under its key");
+    require(store.getNextRaw(listed, data, len) && listed == key && std::string(data, len) == bytes,
+            "the iteration yields the record under its key");
     delete[] data;
     data = nullptr;
     len = store.getMaxRecordLen();

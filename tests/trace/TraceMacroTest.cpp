@@ -17,17 +17,7 @@ class Probe {
   void entry() { LS_TRACE_ENTRY("entry"); }
   void message(int severity, const char* text) {
     LS_TRACE_ENTRY("message");
-    switch (severity) {
-      case 1:
-        LS_TRACE_MSG(1, "%s", text);
-        break;
-      case 2:
-        LS_TRACE_MSG(2, "%s", text);
-        break;
-      default:
-        LS_TRACE_MSG(3, "%s", text);
-        break;
-    }
+    LS_TRACE_MSG(severity, "%s", text);
   }
   void stream(const std::string& key, unsigned number) {
     LS_TRACE_ENTRY("stream");
