@@ -139,11 +139,14 @@ TEST(WriteFileTemporaryNameTest, TakenNamesAreSteppedOver) {
 // A writer that exists but belongs to another user (pid 1, asked by nobody)
 // is alive: its file is not abandoned.
 TEST(WriteFileTemporaryNameTest, AnotherUsersWriterIsAlive) {
-  EXPECT_EQ(inChild([] {
-              if (::geteuid() == 0 && ::setuid(65534) != 0) return 2;
-              return VelLogin::temporary_file_name::isAbandoned(".lstmp-1-1") ? 1 : 0;
-            }),
-            0);
+  EXPECT_EQ(
+      inChild([] {
+        if (::geteuid() == 0 && ::setuid(65534) != 0) return 2;
+        return VelLogin::temporary_file_name::isAbandoned(testsupport::temporaryName(1, 1).c_str())
+                   ? 1
+                   : 0;
+      }),
+      0);
 }
 
 TEST(FolderHelpersTest, CreateTestAndFlushFolders) {
