@@ -11,11 +11,11 @@
 #include <map>
 #include <set>
 #include <string>
-#include <vector>
 
-#include "FuzzFolder.h"
 #include "LoginStorage/LoginStorage.h"
+#include "Require.h"
 #include "util/TemporaryFileName.h"
+#include "support/TempFolder.h"
 
 using fuzzsupport::require;
 using VelLogin::CacheStorage;
@@ -29,20 +29,13 @@ namespace {
 // A login session's image: "LS1", a one-byte field count, then per field a
 // tag byte, a two-byte length (little-endian) and that many bytes. Tag 'k'
 // is the key and must come first and once; nothing may follow the fields.
+// A session keeps the image it was built from, so that the bytes the store
+// handed over are what it writes back.
 class Session : public IStorable {
  public:
-  Session(std::string key, std::vector<std::pair<char, std::string>> fields)
-      : m_key(std::move(key)), m_fields(std::move(fields)) {}
+  Session(std::string key, std::string image) : m_key(std::move(key)), m_image(std::move(image)) {}
   std::string getKey() const override { return m_key; }
   bool serialize(char*& data, unsigned& len) override {
-    m_image = "LS1";
-    m_image.push_back(static_cast<char>(m_fields.size()));
-    for (const auto& field : m_fields) {
-      m_image.push_back(field.first);
-      m_image.push_back(static_cast<char>(field.second.size() & 0xFF));
-      m_image.push_back(static_cast<char>(field.second.size() >> 8));
-      m_image += field.second;
-    }
     if (m_image.size() > len) return false;
     data = &m_image[0];
     len = static_cast<unsigned>(m_image.size());
@@ -53,7 +46,7 @@ class Session : public IStorable {
   static Ptr fromBytes(const char* data, unsigned len) {
     if (len < 4 || std::memcmp(data, "LS1", 3) != 0) return Ptr();
     const unsigned count = static_cast<unsigned char>(data[3]);
-    std::vector<std::pair<char, std::string>> fields;
+    std::string key;
     unsigned at = 4;
     for (unsigned i = 0; i < count; ++i) {
       if (len - at < 3) return Ptr();
@@ -62,17 +55,15 @@ class Session : public IStorable {
                             static_cast<unsigned>(static_cast<unsigned char>(data[at + 2])) << 8;
       at += 3;
       if (len - at < size || (tag == 'k') != (i == 0)) return Ptr();
-      fields.emplace_back(tag, std::string(data + at, size));
+      if (i == 0) key.assign(data + at, size);
       at += size;
     }
-    if (at != len || fields.empty()) return Ptr();
-    const std::string key = fields.front().second;
-    return Ptr(new Session(key, std::move(fields)));
+    if (at != len || count == 0) return Ptr();
+    return Ptr(new Session(key, std::string(data, len)));
   }
 
  private:
   std::string m_key;
-  std::vector<std::pair<char, std::string>> m_fields;
   std::string m_image;
 };
 
@@ -86,7 +77,7 @@ std::string imageOf(const Ptr& object) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
-  static fuzzsupport::FuzzFolder folder;
+  static testsupport::TempFolder folder;
   static CacheStorage store(
       new ObjectStorage(new FileSystemStorage(folder.path(), 0, false, false, 0),
                         &Session::fromBytes),
@@ -140,6 +131,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
     require(store.get(key, nullptr) == object, "and cached");
   }
   require(store.delAll(), "every record deletes");
-  require(fuzzsupport::namesIn(folder.path()).empty(), "nothing is left behind");
+  require(testsupport::listFolder(folder.path()).empty(), "nothing is left behind");
   return 0;
 }

@@ -7,9 +7,10 @@
 #include <cstdint>
 #include <string>
 
-#include "FuzzFolder.h"
 #include "LoginStorage/LoginStorage.h"
+#include "Require.h"
 #include "util/TemporaryFileName.h"
+#include "support/TempFolder.h"
 
 using fuzzsupport::require;
 using VelLogin::FileSystemStorage;
@@ -32,7 +33,7 @@ bool staysInside(const std::string& key) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
-  static fuzzsupport::FuzzFolder folder;
+  static testsupport::TempFolder folder;
   static FileSystemStorage store(folder.path(), 0, false, false, 0);
   if (size == 0) return 0;
   const size_t keyLength = input[0] < size - 1 ? input[0] : size - 1;
@@ -57,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
   require(written || !plain || reserved || bytes.empty() || key.size() > 255,
           "a record under a plain key that fits a file name is written");
   if (!written) {
-    require(fuzzsupport::namesIn(folder.path()).empty(), "a refused write leaves nothing");
+    require(testsupport::listFolder(folder.path()).empty(), "a refused write leaves nothing");
     require(!store.getRaw(key, data, len) && data == nullptr, "a refused record reads as none");
     return 0;
   }
@@ -76,9 +77,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
     require(store.startGetAll(), "the folder can be listed");
     std::string listed;
     len = store.getMaxRecordLen();
-    require(
-        store.getNextRaw(listed, data, len) && listed == key && std::string(data, len) == bytes,
-        "the iteration yields the record under its key");
+    require(store.getNextRaw(listed, data, len) && listed == key && std::string(data, len) == bytes,
+            "the iteration yields the record under its key");
     delete[] data;
     data = nullptr;
     len = store.getMaxRecordLen();
@@ -87,6 +87,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
   }
 
   require(store.del(key) && !store.isInStorage(key), "a record deletes");
-  require(fuzzsupport::namesIn(folder.path()).empty(), "nothing is left behind");
+  require(testsupport::listFolder(folder.path()).empty(), "nothing is left behind");
   return 0;
 }

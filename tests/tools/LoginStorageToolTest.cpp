@@ -2,75 +2,34 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "support/TempFolder.h"
+#include "util/TemporaryFileName.h"
+#include "support/ToolRun.h"
 #ifdef LOGINSTORAGE_TOOL_HAS_REDIS
 #include "redis/RedisServer.h"
 #endif
 
 using testsupport::TempFolder;
+using testsupport::ToolRun;
+using testsupport::ToolRunOptions;
 
 namespace {
 
-struct ToolRun {
-  int status;
-  std::string out;
-  std::string err;
-};
-
-struct RunOptions {
-  std::string input;
-  std::string outPath;                        // standard output goes here instead (/dev/full)
-  bool unprivileged = false;                  // run as nobody when the test runs as root
-  rlim_t fileSizeLimit = RLIM_INFINITY;       // as ulimit -f sets it, in bytes
-  std::vector<std::string> environment = {};  // NAME=VALUE
-};
-
-// Runs the tool with args in the UTC time zone.
-ToolRun runTool(const std::vector<std::string>& args, const RunOptions& options = {}) {
-  TempFolder scratch;
-  const std::string inPath = scratch / "in", errPath = scratch / "err";
-  const std::string outPath = options.outPath.empty() ? scratch / "out" : options.outPath;
-  testsupport::writeFileBytes(inPath, options.input);
-  pid_t child = fork();
-  if (child == 0) {
-    std::freopen(inPath.c_str(), "rb", stdin);
-    std::freopen(outPath.c_str(), "wb", stdout);
-    std::freopen(errPath.c_str(), "wb", stderr);
-    setenv("TZ", "UTC", 1);
-    for (const std::string& variable : options.environment) {
-      putenv(const_cast<char*>(variable.c_str()));
-    }
-    const struct rlimit limit = {options.fileSizeLimit, options.fileSizeLimit};
-    if (options.fileSizeLimit != RLIM_INFINITY && setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(126);
-    if (options.unprivileged && geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) {
-      _exit(126);
-    }
-    std::vector<char*> argv{const_cast<char*>(LOGINSTORAGE_TOOL)};
-    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    execv(LOGINSTORAGE_TOOL, argv.data());
-    _exit(127);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1,
-          options.outPath.empty() ? testsupport::readFileBytes(outPath) : "",
-          testsupport::readFileBytes(errPath)};
+ToolRun runTool(const std::vector<std::string>& args, const ToolRunOptions& options = {}) {
+  return testsupport::runTool(LOGINSTORAGE_TOOL, args, options);
 }
 
 ToolRun runTool(const std::vector<std::string>& args, const std::string& input) {
-  return runTool(args, RunOptions{input, "", false, RLIM_INFINITY, {}});
+  return runTool(args, ToolRunOptions{input});
 }
 
 // The id of a process that has just ended: no writer of that id is alive.
@@ -116,7 +75,7 @@ TEST(LoginStorageToolTest, HostileKeysAreListedSafelyInEveryMode) {
   }
   ASSERT_EQ(::mkdir((folder / "sub").c_str(), 0700), 0);
   ASSERT_EQ(::symlink("nowhere", (folder / "dangling").c_str()), 0);
-  testsupport::writeFileBytes(folder / (".lstmp-" + std::to_string(getpid()) + "-1"), "x");
+  testsupport::writeFileBytes(folder / VelLogin::temporary_file_name::make(getpid(), 1), "x");
 
   const struct {
     std::vector<std::string> options;
@@ -174,83 +133,44 @@ TEST(LoginStorageToolTest, ExitStatusTellsMissingFromUsageFromFailure) {
   testsupport::writeFileBytes(folder / "alice", "x");
   testsupport::writeFileBytes(locked / "secret", "x");
   ASSERT_EQ(::chmod(locked.path().c_str(), 0), 0);  // and, as root, run as nobody
-  const std::string f = folder.path();
+  const std::string f = folder.path(), l = locked.path();
+  const ToolRunOptions nobody{"", "", true}, full{"", "/dev/full"};
+  const std::string noSpace = "cannot write to standard output: No space left on device";
   const struct {
     std::vector<std::string> args;
-    RunOptions options;
     int status;
-    std::string error;  // the whole of standard error
+    std::string error;  // the whole of standard error, when not empty
+    ToolRunOptions options = {};
   } cases[] = {
-      {{"get", f, "nobody"}, {}, 1, "no record 'nobody' in " + f},
-      {{"rm", f, "new\nbody"}, {}, 1, "no record 'new\\nbody' in " + f},
-      {{}, {}, 2, ""},
-      {{"frobnicate\x1b"}, {}, 2, "unknown command 'frobnicate\\x1b' (see --help)"},
-      {{"get", f}, {}, 2, "get takes LOCATION and KEY (see get --help)"},
-      {{"ls", "-0", "--json", f}, {}, 2, "ls takes -0 or --json, not both"},
-      {{"clear", f}, {}, 2, "clear removes every record: confirm with --yes"},
-      {{"put", f, "k"}, {}, 2, "an empty record cannot be stored"},
-      {{"ls", "redis://127.0.0.1:6379/sessions:"},
-       {},
-       2,
-       "bad location: 'sessions:' is not a database number; the key prefix is given as ?prefix="},
-      {{"ls", "redis://h:0"}, {}, 2, "bad location: bad server address 'h:0' (HOST[:PORT])"},
-      {{"ls", "redis://h?prefix=%zz"}, {}, 2, "bad location: bad percent escape in '%zz'"},
-      // Secrets stay out of messages.
-      {{"ls", "redis://u:secret%zz@h"}, {}, 2, "bad location: bad percent escape in the password"},
-      {{"ls", "redis://secret%zz@h"}, {}, 2, "bad location: bad percent escape in the password"},
-      {{"ls", "redis-sentinel://h/m?sentinel_password=secret%zz"},
-       {},
-       2,
-       "bad location: bad percent escape in the sentinel password"},
-      {{"ls", "redis://u:secret@h/0/x?sentinel_password=secret"},
-       {},
-       2,
-       "bad location: too many path parts in 'redis://u:***@h/0/x?sentinel_password=***'; the "
-       "key prefix is given as ?prefix="},
-      {{"ls", "redis-sentinel://h:1"},
-       {},
-       2,
-       "bad location: redis-sentinel:// needs /MASTERNAME[/DB] after the sentinels"},
+      {{"get", f, "nobody"}, 1, "no record 'nobody' in " + f},
+      {{"rm", f, "new\nbody"}, 1, "no record 'new\\nbody' in " + f},
+      {{}, 2, ""},
+      {{"frobnicate\x1b"}, 2, "unknown command 'frobnicate\\x1b' (see --help)"},
+      {{"get", f}, 2, "get takes LOCATION and KEY (see get --help)"},
+      {{"ls", "-0", "--json", f}, 2, "ls takes -0 or --json, not both"},
+      {{"clear", f}, 2, "clear removes every record: confirm with --yes"},
+      {{"put", f, "k"}, 2, "an empty record cannot be stored"},
       {{"ls", folder / "absent"},
-       {},
        3,
        "cannot open folder " + folder / "absent" + ": No such file or directory"},
-      {{"ls", locked.path()},
-       {"", "", true},
+      {{"ls", l}, 3, "cannot open folder " + l + ": Permission denied", nobody},
+      {{"get", l, "secret"},
        3,
-       "cannot open folder " + locked.path() + ": Permission denied"},
-      {{"get", locked.path(), "secret"},
-       {"", "", true},
-       3,
-       "cannot read record 'secret' in " + locked.path() + ": Permission denied"},
-      {{"ls", f},
-       {"", "/dev/full", false},
-       3,
-       "cannot write to standard output: No space left on device"},
-      {{"get", f, "alice"},
-       {"", "/dev/full", false},
-       3,
-       "cannot write to standard output: No space left on device"},
-      {{"--help"},
-       {"", "/dev/full", false},
-       3,
-       "cannot write to standard output: No space left on device"},
-      {{"ls", "--help"},
-       {"", "/dev/full", false},
-       3,
-       "cannot write to standard output: No space left on device"},
-      {{"--version"},
-       {"", "/dev/full", false},
-       3,
-       "cannot write to standard output: No space left on device"},
-      {{"put", f, ".lstmp-1-2"},
-       {"x", "", false},
+       "cannot read record 'secret' in " + l + ": Permission denied",
+       nobody},
+      {{"ls", f}, 3, noSpace, full},
+      {{"get", f, "alice"}, 3, noSpace, full},
+      {{"--help"}, 3, noSpace, full},
+      {{"ls", "--help"}, 3, noSpace, full},
+      {{"--version"}, 3, noSpace, full},
+      {{"put", f, VelLogin::temporary_file_name::make(1, 2)},
        2,
-       "key '.lstmp-1-2' is reserved for the temporary files of folder writes"},
+       "key '" + VelLogin::temporary_file_name::make(1, 2) + "' is reserved for the temporary files of folder writes",
+       {"x"}},
       {{"put", f, "big"},
-       {std::string(4096, 'x'), "", false, 1024, {}},
        3,
-       "cannot store 'big' in " + f + ": File too large"},
+       "cannot store 'big' in " + f + ": File too large",
+       {std::string(4096, 'x'), "", false, 1024}},
   };
   for (const auto& c : cases) {
     ToolRun run = runTool(c.args, c.options);
@@ -261,7 +181,30 @@ TEST(LoginStorageToolTest, ExitStatusTellsMissingFromUsageFromFailure) {
     }
   }
   EXPECT_FALSE(testsupport::pathExists(folder / "absent"));  // reading never creates it
-  ::chmod(locked.path().c_str(), 0700);
+  ::chmod(l.c_str(), 0700);
+}
+
+// A bad location is a usage error that names what is wrong; secrets stay out.
+TEST(LoginStorageToolTest, BadLocationsAreNamedWithoutTheirSecrets) {
+  const std::pair<std::string, std::string> locations[] = {
+      {"redis://127.0.0.1:6379/sessions:",
+       "'sessions:' is not a database number; the key prefix is given as ?prefix="},
+      {"redis://h:0", "bad server address 'h:0' (HOST[:PORT])"},
+      {"redis://h?prefix=%zz", "bad percent escape in '%zz'"},
+      {"redis://u:secret%zz@h", "bad percent escape in the password"},
+      {"redis://secret%zz@h", "bad percent escape in the password"},
+      {"redis-sentinel://h/m?sentinel_password=secret%zz",
+       "bad percent escape in the sentinel password"},
+      {"redis://u:secret@h/0/x?sentinel_password=secret",
+       "too many path parts in 'redis://u:***@h/0/x?sentinel_password=***'; the key prefix is "
+       "given as ?prefix="},
+      {"redis-sentinel://h:1", "redis-sentinel:// needs /MASTERNAME[/DB] after the sentinels"},
+  };
+  for (const auto& location : locations) {
+    ToolRun run = runTool({"ls", location.first});
+    EXPECT_EQ(run.status, 2) << location.first;
+    EXPECT_EQ(run.err, "loginstorage: bad location: " + location.second + "\n");
+  }
 }
 
 TEST(LoginStorageToolTest, KeysThatLeaveTheFolderNeedRawKey) {
@@ -279,13 +222,12 @@ TEST(LoginStorageToolTest, KeysThatLeaveTheFolderNeedRawKey) {
 }
 
 // Temporary files whose writer is gone are counted and removed; those of a
-// live writer, and records with look-alike names, are not.
-TEST(LoginStorageToolTest, StatAndGcTakeOnlyDeadWritersFiles) {
+// live writer, records with look-alike names and sub-folders are not.
+TEST(LoginStorageToolTest, StatGcAndClearTakeOnlyDeadWritersFiles) {
   TempFolder folder;
-  const std::string dead = ".lstmp-" + std::to_string(deadProcessId()) + "-7";
-  const std::string live = ".lstmp-" + std::to_string(getpid()) + "-1";
-  testsupport::writeFileBytes(folder / dead, "12345");
-  testsupport::writeFileBytes(folder / ".lstmp-0-1", "123");
+  const std::string live = VelLogin::temporary_file_name::make(getpid(), 1);
+  testsupport::writeFileBytes(folder / VelLogin::temporary_file_name::make(deadProcessId(), 7), "12345");
+  testsupport::writeFileBytes(folder / VelLogin::temporary_file_name::make(0, 1), "123");
   testsupport::writeFileBytes(folder / live, "1");
   for (const char* record : {".lstmp-12-", ".lstmp-x-1", "alice"}) {
     testsupport::writeFileBytes(folder / record, "abcdefg");
@@ -304,15 +246,13 @@ TEST(LoginStorageToolTest, StatAndGcTakeOnlyDeadWritersFiles) {
   std::vector<std::string> kept{".lstmp-12-", live, ".lstmp-x-1", "alice", "bob"};
   std::sort(kept.begin(), kept.end());
   EXPECT_EQ(testsupport::listFolder(folder.path()), kept);
-}
 
-TEST(LoginStorageToolTest, ClearRemovesRecordsAndDeadWritersFilesOnly) {
-  TempFolder folder;
-  for (const char* key : {"a", "b", ".hidden"}) testsupport::writeFileBytes(folder / key, "x");
-  testsupport::writeFileBytes(folder / (".lstmp-" + std::to_string(deadProcessId()) + "-1"), "x");
+  testsupport::writeFileBytes(folder / VelLogin::temporary_file_name::make(deadProcessId(), 1), "x");
   ASSERT_EQ(::mkdir((folder / "sub").c_str(), 0700), 0);
   EXPECT_EQ(runTool({"clear", "--yes", folder.path()}).status, 0);
-  EXPECT_EQ(testsupport::listFolder(folder.path()), std::vector<std::string>{"sub"});
+  kept = {live, "sub"};
+  std::sort(kept.begin(), kept.end());
+  EXPECT_EQ(testsupport::listFolder(folder.path()), kept);
 }
 
 TEST(LoginStorageToolTest, TraceLinesGoToStandardError) {
@@ -344,9 +284,6 @@ TEST(LoginStorageToolTest, VersionsOfToolAndLibrary) {
   TempFolder folder;
   testsupport::writeFileBytes(folder / "plain", "no block here");
   EXPECT_EQ(runTool({"version", folder / "plain"}).status, 3);
-  EXPECT_TRUE(testsupport::pathExists(LOGINSTORAGE_PREFIX "/share/man/man1/loginstorage.1.gz"));
-  EXPECT_TRUE(testsupport::pathExists(LOGINSTORAGE_PREFIX
-                                      "/share/bash-completion/completions/loginstorage"));
 }
 
 #ifdef LOGINSTORAGE_TOOL_HAS_REDIS
@@ -390,8 +327,9 @@ TEST(LoginStorageToolTest, RedisLocationsAndOutages) {
     int status;
   } logins[] = {{"alice:", 0}, {"alice:secret", 0}, {"alice", 3}, {"", 3}};
   for (const auto& login : logins) {
-    ToolRun listed = runTool({"ls", "redis://" + login.userinfo + host},
-                             RunOptions{"", "", false, RLIM_INFINITY, {"REDISCLI_AUTH=secret"}});
+    ToolRun listed =
+        runTool({"ls", "redis://" + login.userinfo + host},
+                ToolRunOptions{"", "", false, RLIM_INFINITY, {"REDISCLI_AUTH=secret"}});
     EXPECT_EQ(listed.status, login.status) << login.userinfo << ": " << listed.err;
   }
 }

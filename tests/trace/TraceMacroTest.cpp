@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "LoginStorage/platform/TraceHandler.h"
+#include "support/TraceCapture.h"
 #include "trace/Trace.h"
 
 namespace VelLogin {
@@ -17,11 +17,7 @@ class Probe {
   void entry() { LS_TRACE_ENTRY("entry"); }
   void message(int severity, const char* text) {
     LS_TRACE_ENTRY("message");
-    switch (severity) {
-      case 1: LS_TRACE_MSG(1, "%s", text); break;
-      case 2: LS_TRACE_MSG(2, "%s", text); break;
-      default: LS_TRACE_MSG(3, "%s", text); break;
-    }
+    LS_TRACE_MSG(severity, "%s", text);
   }
   void stream(const std::string& key, unsigned number) {
     LS_TRACE_ENTRY("stream");
@@ -43,62 +39,17 @@ class ConstructedProbe {
 
 namespace {
 
-struct Line {
-  std::string topic;
-  int severity;
-  std::string text;
-};
-
 class TraceMacroTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    VelLogin::setTraceHandler(&TraceMacroTest::collect, &m_lines);
-    activate_tellu_debug_output = 4;
-    g_MsgTypeMaxThr = 4;
-    VelLoginDebug::m_coverage = false;
-    VelLoginDebug::m_printColor = false;
-    VelLoginDebug::m_topicsColors.clear();
-  }
-  void TearDown() override {
-    VelLogin::setTraceHandler(nullptr, nullptr);
-    activate_tellu_debug_output = 0;
-    VelLoginDebug::m_printColor = false;
-    VelLoginDebug::m_coverage = false;
-    VelLoginDebug::m_topicsColors.clear();
-  }
+  void TearDown() override { VelLoginDebug::m_topicsColors.clear(); }
+  std::vector<std::string> texts() const { return m_trace.texts(); }
 
-  static void collect(void* context, const char* topic, int severity, const char* line) {
-    static_cast<std::vector<Line>*>(context)->push_back({topic, severity, line});
-  }
-
-  std::vector<std::string> texts() const {
-    std::vector<std::string> result;
-    for (const Line& line : m_lines) result.push_back(line.text);
-    return result;
-  }
-
-  std::vector<Line> m_lines;
+  testsupport::TraceCapture m_trace{4};
   VelLogin::Probe m_probe;
 };
 
-TEST_F(TraceMacroTest, PlainLayoutsOfEntryFormattedAndStreamLines) {
-  activate_tellu_debug_output = 7;
-  VelLoginDebug::m_coverage = true;
-  m_probe.message(2, "disk is full");
-  m_probe.stream("alice", 7);
-  EXPECT_EQ(texts(), (std::vector<std::string>{
-                         "[TRACE] Probe::message: begin",
-                         "[WARNING] Probe::message: disk is full",
-                         "[TRACE] Probe::stream: begin",
-                         "[INFO] Probe::stream: [PROBE] key 'alice' n=7 ok=true",
-                     }));
-  EXPECT_EQ(m_lines[0].topic, "COVERAGE");
-  EXPECT_EQ(m_lines[0].severity, 0);
-  EXPECT_EQ(m_lines[1].topic, "STORAGE");
-  EXPECT_EQ(m_lines[1].severity, 2);
-  EXPECT_EQ(m_lines[3].severity, 3);
-}
-
+// Plain layouts are those every store's suite checks; here only what they
+// cannot set: colours, shrunk settings, gates and labels.
 TEST_F(TraceMacroTest, ColouredLayoutsPlaceTheResetDifferently) {
   activate_tellu_debug_output = 7;
   VelLoginDebug::m_coverage = true;
@@ -109,45 +60,46 @@ TEST_F(TraceMacroTest, ColouredLayoutsPlaceTheResetDifferently) {
   const std::string info = VelLoginDebug::m_svrColors[3];
   m_probe.message(3, "text");
   m_probe.stream("k", 1);
-  EXPECT_EQ(texts(), (std::vector<std::string>{
-                         trace + "[TRACE] \033[0m<cov>Probe::message\033[0m: begin",
-                         info + "[INFO]\033[0m <sto>Probe::message\033[0m: text",
-                         trace + "[TRACE] \033[0m<cov>Probe::stream\033[0m: begin",
-                         info + "[INFO] \033[0m<sto>Probe::stream\033[0m: [PROBE] key 'k' n=1 ok=true",
-                     }));
+  EXPECT_EQ(texts(),
+            (std::vector<std::string>{
+                trace + "[TRACE] \033[0m<cov>Probe::message\033[0m: begin",
+                info + "[INFO]\033[0m <sto>Probe::message\033[0m: text",
+                trace + "[TRACE] \033[0m<cov>Probe::stream\033[0m: begin",
+                info + "[INFO] \033[0m<sto>Probe::stream\033[0m: [PROBE] key 'k' n=1 ok=true",
+            }));
 }
 
-TEST_F(TraceMacroTest, TopicWithoutAColourGetsNoEscape) {
-  VelLoginDebug::m_printColor = true;
-  VelLoginDebug::m_svrColors.assign(7, "");
-  m_probe.message(1, "x");
-  m_probe.stream("k", 2);
-  EXPECT_EQ(texts(), (std::vector<std::string>{
-                         "[ERROR]\033[0m Probe::message\033[0m: x",
-                         "[INFO] \033[0mProbe::stream\033[0m: [PROBE] key 'k' n=2 ok=true",
-                     }));
-}
-
+// A severity beyond the colour table, a topic without a colour and a nulled
+// severity name give no escape and no name, and no crash.
 TEST_F(TraceMacroTest, ShrunkOrNulledSettingsDoNotCrash) {
   VelLoginDebug::m_printColor = true;
   const std::vector<std::string> saved = VelLoginDebug::m_svrColors;
   const char* savedName = VelLoginDebug::sev2StrArr[3];
-  VelLoginDebug::m_svrColors.clear();
+  VelLoginDebug::m_svrColors.resize(3);
+  m_probe.message(3, "x");
+  m_probe.stream("k", 2);
   VelLoginDebug::sev2StrArr[3] = nullptr;
   m_probe.message(3, "x");
   VelLoginDebug::m_svrColors = saved;
   VelLoginDebug::sev2StrArr[3] = savedName;
-  EXPECT_EQ(texts(), (std::vector<std::string>{"[]\033[0m Probe::message\033[0m: x"}));
+  EXPECT_EQ(texts(), (std::vector<std::string>{
+                         "[INFO]\033[0m Probe::message\033[0m: x",
+                         "[INFO] \033[0mProbe::stream\033[0m: [PROBE] key 'k' n=2 ok=true",
+                         "[]\033[0m Probe::message\033[0m: x",
+                     }));
 }
 
+// A line of severity N is written from level N + 1 on, composed or streamed.
 TEST_F(TraceMacroTest, MessageOfSeverityNNeedsALevelAboveN) {
   for (int level = 0; level <= 4; ++level) {
-    m_lines.clear();
+    m_trace.clear();
     activate_tellu_debug_output = level;
     m_probe.message(1, "a");
     m_probe.message(2, "b");
     m_probe.message(3, "c");
-    EXPECT_EQ(m_lines.size(), static_cast<size_t>(level > 1 ? level - 1 : 0)) << level;
+    m_probe.stream("k", 1);
+    EXPECT_EQ(m_trace.lines().size(), static_cast<size_t>(level > 1 ? level - 1 : 0) + (level > 3))
+        << level;
   }
 }
 
@@ -155,45 +107,42 @@ TEST_F(TraceMacroTest, EntryLineGates) {
   VelLoginDebug::m_coverage = true;
   activate_tellu_debug_output = 6;
   m_probe.entry();
-  EXPECT_TRUE(m_lines.empty());
+  EXPECT_TRUE(m_trace.lines().empty());
   activate_tellu_debug_output = 7;
   g_MsgTypeMaxThr = 3;
   m_probe.entry();
-  EXPECT_TRUE(m_lines.empty());
+  EXPECT_TRUE(m_trace.lines().empty());
   g_MsgTypeMaxThr = 4;
   m_probe.entry();
   EXPECT_EQ(texts(), (std::vector<std::string>{"[TRACE] Probe::entry: begin"}));
   VelLoginDebug::m_coverage = false;
   m_probe.entry();
-  EXPECT_EQ(m_lines.size(), 1u);
+  EXPECT_EQ(m_trace.lines().size(), 1u);
 }
 
 TEST_F(TraceMacroTest, LongMessageIsCutToTheBufferSize) {
   const std::string longText(10000, 'x');
   m_probe.message(3, longText.c_str());
-  ASSERT_EQ(m_lines.size(), 1u);
+  ASSERT_EQ(m_trace.lines().size(), 1u);
   const std::string prefix = "[INFO] Probe::message: ";
-  EXPECT_EQ(m_lines[0].text.size(), 5631u);
-  EXPECT_EQ(m_lines[0].text, prefix + longText.substr(0, 5631 - prefix.size()));
+  EXPECT_EQ(texts()[0].size(), 5631u);
+  EXPECT_EQ(texts()[0], prefix + longText.substr(0, 5631 - prefix.size()));
 }
 
-TEST_F(TraceMacroTest, LabelIsTheFirstCallersClassForTheWholeProcess) {
+// The label of an inherited method is the class of its first caller, for the
+// whole process; a constructor's is its own class.
+TEST_F(TraceMacroTest, LabelsNameTheFirstCallersClassOrTheConstructors) {
   VelLoginDebug::m_coverage = true;
   activate_tellu_debug_output = 7;
   VelLogin::SecondProbe second;
   VelLogin::FirstProbe first;
   second.inherited();
   first.inherited();
-  EXPECT_EQ(texts(), (std::vector<std::string>{"[TRACE] SecondProbe::inherited: begin",
-                                               "[TRACE] SecondProbe::inherited: begin"}));
-}
-
-TEST_F(TraceMacroTest, ConstructorLabelsWithItsOwnClass) {
-  VelLoginDebug::m_coverage = true;
-  activate_tellu_debug_output = 7;
-  VelLogin::ConstructedProbe probe;
+  VelLogin::ConstructedProbe constructed;
   EXPECT_EQ(texts(),
-            (std::vector<std::string>{"[TRACE] ConstructedProbe::ConstructedProbe: begin"}));
+            (std::vector<std::string>{"[TRACE] SecondProbe::inherited: begin",
+                                      "[TRACE] SecondProbe::inherited: begin",
+                                      "[TRACE] ConstructedProbe::ConstructedProbe: begin"}));
 }
 
 }  // namespace

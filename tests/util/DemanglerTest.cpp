@@ -2,7 +2,9 @@
 
 #include <cstring>
 #include <string>
+#include <thread>
 #include <typeinfo>
+#include <vector>
 
 #include "util/Demangler.h"
 #include "util/TraceSink.h"
@@ -19,6 +21,9 @@ struct Thing {};
 
 template <int N>
 struct AVeryLongTemplateNameThatKeepsGoingAndGoingAndGoingAndGoingAndGoingAndGoingAndGoing {};
+template <int N>
+using LongName =
+    AVeryLongTemplateNameThatKeepsGoingAndGoingAndGoingAndGoingAndGoingAndGoingAndGoing<N>;
 
 namespace {
 
@@ -30,24 +35,32 @@ std::string label(const std::type_info& type, const char* method) {
   return buffer;
 }
 
-TEST(DemanglerTest, LabelIsClassAndMethodWithTheLibraryNamespaceDropped) {
+// The library's namespace is dropped, any other kept; a long label is cut
+// and terminated within the buffer.
+TEST(DemanglerTest, LabelIsClassAndMethod) {
   EXPECT_EQ(label(typeid(VelLogin::Outer), "get"), "Outer::get");
   EXPECT_EQ(label(typeid(VelLogin::Outer::Inner), "expired"), "Outer::Inner::expired");
   EXPECT_EQ(label(typeid(elsewhere::Thing), "set"), "elsewhere::Thing::set");
+  const std::string cut = label(typeid(LongName<1>), "aMethodNameThatIsLongToo");
+  EXPECT_EQ(cut.size(), Demangler::kLabelSize - 1);
+  EXPECT_EQ(cut.substr(0, 20), "AVeryLongTemplateNam");
 }
 
-TEST(DemanglerTest, LongLabelIsCutAndTerminatedWithinTheBuffer) {
-  const std::string result =
-      label(typeid(AVeryLongTemplateNameThatKeepsGoingAndGoingAndGoingAndGoingAndGoingAndGoingAndGoing<1>),
-            "aMethodNameThatIsLongToo");
-  EXPECT_EQ(result.size(), Demangler::kLabelSize - 1);
-  EXPECT_EQ(result.substr(0, 20), "AVeryLongTemplateNam");
-}
-
-TEST(TellPrintfTest, FormatsIntoABufferThatGrowsForLongTexts) {
-  const std::string longText(3000, 'q');
-  EXPECT_STREQ(tellu_printf("%s-%d", "a", 5), "a-5");
-  EXPECT_EQ(std::string(tellu_printf("%s!", longText.c_str())), longText + "!");
+// In a thread of its own, so that the formatter's buffer starts unused; a
+// conversion that fails (a wide character the C locale cannot write) gives an
+// empty text, not the part before it.
+TEST(TellPrintfTest, FormatsAnyLengthAndAFailedConversionAsEmpty) {
+  const std::string exact(256, 'e'), longText(3000, 'q');
+  const wchar_t unconvertible[] = {0x20AC, 0};
+  std::vector<std::string> texts;
+  std::thread([&] {
+    texts.push_back(tellu_printf("cut %ls", unconvertible));
+    texts.push_back(tellu_printf("%s", exact.c_str()));
+    texts.push_back(tellu_printf("%s-%d", "a", 5));
+    texts.push_back(tellu_printf("cut %ls", unconvertible));
+    texts.push_back(tellu_printf("%s!", longText.c_str()));
+  }).join();
+  EXPECT_EQ(texts, (std::vector<std::string>{"", exact, "a-5", "", longText + "!"}));
 }
 
 }  // namespace

@@ -1,12 +1,12 @@
 // What the folder store cannot show of the file helpers: how a record is
-// replaced (with and without durability), and that a reader in
-// another process, or a writer killed at any instant, never meets a mixture.
+// replaced (with and without durability), how temporary names are chosen and
+// judged, and how folders are made and flushed.
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -15,6 +15,7 @@
 #include "util/WholeFile.h"
 #include "LoginStorage/storage/Exception.h"
 #include "support/TempFolder.h"
+#include "util/TemporaryFileName.h"
 
 using testsupport::listFolder;
 using testsupport::readFileBytes;
@@ -23,10 +24,23 @@ using Lines = std::vector<std::string>;
 
 namespace {
 
+// How body, run in a child process, ended: its result as exit status, or 128
+// plus the signal that ended it.
+int inChild(const std::function<int()>& body) {
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(body());
+  int status = 0;
+  if (child < 0 || ::waitpid(child, &status, 0) != child) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
 // false: plain writes; true: durable writes, with their flushes.
 class WriteFileTest : public ::testing::TestWithParam<bool> {
  protected:
-  void SetUp() override { VelLogin::setDurableWrites(GetParam()); }
+  void SetUp() override {
+    VelLogin::setDurableWrites(GetParam());
+    ASSERT_EQ(VelLogin::durableWrites(), GetParam());
+  }
   void TearDown() override { VelLogin::setDurableWrites(false); }
   mode_t mode(const std::string& name) const {
     struct stat info;
@@ -79,8 +93,8 @@ TEST_P(WriteFileTest, ReplacingKeepsTheRecordsPermissionBitsAndOwner) {
 }
 
 // The two-step read must refuse exactly what readFile refuses, and read the
-// bytes in place, binary included, up to the size it reported, also for
-// files beyond 4 GiB (sparse, so they cost no disk).
+// bytes in place, binary included, up to the size it reported (sizes beyond
+// 4 GiB are the folder suite's).
 TEST(WholeFileReaderTest, ReportsTheSizeReadsInPlaceAndRefusesNonFiles) {
   TempFolder tmp;
   const std::string bytes("\0\x01\xff rec\0", 8);
@@ -103,10 +117,6 @@ TEST(WholeFileReaderTest, ReportsTheSizeReadsInPlaceAndRefusesNonFiles) {
   EXPECT_EQ(got, 0u);
   EXPECT_EQ(untouched, '#');
 
-  const unsigned long long huge = (1ull << 32) + 10;
-  ASSERT_TRUE(testsupport::makeSparseFile(tmp / "huge", huge));
-  EXPECT_EQ(VelLogin::WholeFileReader(tmp / "huge").size(), huge);
-
   ASSERT_EQ(::mkdir((tmp / "sub").c_str(), 0700), 0);
   ASSERT_EQ(::mkfifo((tmp / "fifo").c_str(), 0600), 0);
   for (const std::string& path :
@@ -116,47 +126,52 @@ TEST(WholeFileReaderTest, ReportsTheSizeReadsInPlaceAndRefusesNonFiles) {
   }
 }
 
-TEST(WriteFileProcessesTest, ReadersAndKillsNeverSeeAMixedRecord) {
+// A name left by an earlier process of the same id is stepped over, and its
+// file left alone (this process has made fewer writes than that).
+TEST(WriteFileTemporaryNameTest, TakenNamesAreSteppedOver) {
   TempFolder tmp;
-  const std::string path = tmp / "rec";
-  const std::string small(100, 's');
-  const std::string large(64 * 1024, 'L');
-  VelLogin::writeFile(path, small);
+  for (unsigned n = 0; n < 100; ++n)
+    testsupport::writeFileBytes(tmp / VelLogin::temporary_file_name::make(::getpid(), n), "");
+  VelLogin::writeFile(tmp / "rec", "x");
+  EXPECT_EQ(readFileBytes(tmp / "rec"), "x");
+  EXPECT_EQ(listFolder(tmp.path()).size(), 101u);
+}
 
-  pid_t writer = ::fork();
-  ASSERT_GE(writer, 0);
-  if (writer == 0) {
-    for (unsigned i = 0;; ++i) {
-      try {
-        VelLogin::writeFile(path, i % 2 == 0 ? large : small);
-      } catch (...) {
-        ::_exit(1);
-      }
-    }
+// A writer that exists but belongs to another user (pid 1, asked by nobody)
+// is alive: its file is not abandoned.
+TEST(WriteFileTemporaryNameTest, AnotherUsersWriterIsAlive) {
+  EXPECT_EQ(
+      inChild([] {
+        if (::geteuid() == 0 && ::setuid(65534) != 0) return 2;
+        return VelLogin::temporary_file_name::isAbandoned(VelLogin::temporary_file_name::make(1, 1).c_str())
+                   ? 1
+                   : 0;
+      }),
+      0);
+}
+
+TEST(FolderHelpersTest, CreateTestAndFlushFolders) {
+  TempFolder tmp;
+  VelLogin::setDurableWrites(true);
+  for (const char* path : {"a/b/", "c//d", "e"}) {
+    EXPECT_EQ(velDirCreate(tmp / path), 1) << path;
+    EXPECT_EQ(velIsDir(tmp / path), 1) << path;
   }
-  unsigned seen[2] = {0, 0};
-  unsigned mixed = 0;
-  for (unsigned reads = 0; reads < 200000 && (seen[0] < 50 || seen[1] < 50); ++reads) {
-    const std::string content = VelLogin::readFile(path);
-    if (content == small || content == large) {
-      ++seen[content == large];
-    } else {
-      ++mixed;
-    }
-  }
-  ::kill(writer, SIGKILL);
-  int status = 0;
-  ::waitpid(writer, &status, 0);
-  EXPECT_TRUE(WIFSIGNALED(status)) << "the writer failed on its own";
-  EXPECT_EQ(mixed, 0u);
-  const std::string last = readFileBytes(path);
-  EXPECT_TRUE(last == small || last == large) << "size " << last.size();
-  // A kill between naming the new file and the rename may leave that name.
-  for (const std::string& name : listFolder(tmp.path())) {
-    if (name != "rec") {
-      EXPECT_EQ(name.rfind(".lstmp-", 0), 0u) << name;
-    }
-  }
+  VelLogin::setDurableWrites(false);
+  testsupport::writeFileBytes(tmp / "file", "x");
+  EXPECT_EQ(velIsDir(tmp / "file"), 0);
+  EXPECT_EQ(velIsDir(tmp / std::string("e\0x", 3)), 0);
+  EXPECT_TRUE(FsDirSync(tmp / "e"));
+  EXPECT_FALSE(FsDirSync(tmp / std::string("e\0x", 3)));
+
+  // A folder at the top of the tree is flushed into "/" itself.
+  if (::geteuid() != 0) GTEST_SKIP() << "chroot needs root";
+  EXPECT_EQ(inChild([&] {
+              VelLogin::setDurableWrites(true);
+              return ::chroot(tmp.path().c_str()) == 0 && velDirCreate("/x") == 1 ? 0 : 1;
+            }),
+            0);
+  EXPECT_EQ(velIsDir(tmp / "x"), 1);
 }
 
 }  // namespace

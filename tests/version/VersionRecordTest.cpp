@@ -56,28 +56,8 @@ std::string expectedBlock() {
   return block;
 }
 
-std::vector<std::string> splitLines(const std::string& block) {
-  std::vector<std::string> lines;
-  std::string::size_type start = 0;
-  for (std::string::size_type end; (end = block.find('\n', start)) != std::string::npos;
-       start = end + 1) {
-    lines.push_back(block.substr(start, end - start));
-  }
-  if (start != block.size()) lines.push_back(block.substr(start) + " <no newline>");
-  return lines;
-}
-
-// Also proves the block ends with its last line's newline (a missing one shows
-// as "<no newline>") and has no blank line between fields.
 TEST(VersionTextBlock, HoldsEveryLineInOrder) {
-  EXPECT_EQ(splitLines(LoginStorage_version_info_str), kExpectedLines);
-}
-
-TEST(VersionTextBlock, SignatureLineCarriesItsControlBytes) {
-  const unsigned char expected[] = {'V', 'E',  'L', 'V',  'I', ' ',  'M', 'a', 'g', 'i', 'c', ' ',
-                                    'S', 'i',  'g', 'n',  'i', 't',  'u', 'r', 'e', '=', '-', 0x01,
-                                    'l', 0x02, 'o', 0x03, 'V', 0x04, 'E', '%', '.', '\n'};
-  EXPECT_EQ(0, std::memcmp(LoginStorage_version_info_str, expected, sizeof expected));
+  EXPECT_EQ(LoginStorage_version_info_str, expectedBlock());
 }
 
 // The record's fields as readers of the format address them: 22 words of 32
@@ -100,83 +80,59 @@ TEST(VersionRecordLayout, FieldsSitWhereReadersLookForThem) {
 #endif
   EXPECT_EQ(sizeof(static_cast<VersionRecord*>(nullptr)->name), text);
   EXPECT_EQ(sizeof(VersionDependency), 5 * text);
-  const std::size_t actual[] = {offsetof(VersionRecord, formatVersion),
-                                offsetof(VersionRecord, signature),
-                                offsetof(VersionRecord, name),
-                                offsetof(VersionRecord, type),
-                                offsetof(VersionRecord, moduleName),
-                                offsetof(VersionRecord, buildNumber),
-                                offsetof(VersionRecord, majorRelease),
-                                offsetof(VersionRecord, interfaceVersion),
-                                offsetof(VersionRecord, comments),
-                                offsetof(VersionRecord, companyName),
-                                offsetof(VersionRecord, legalCopyright),
-                                offsetof(VersionRecord, internalName),
-                                offsetof(VersionRecord, configuration),
-                                offsetof(VersionRecord, dependentLibraries),
-                                offsetof(VersionRecord, minorRelease),
-                                offsetof(VersionRecord, dependencies),
-                                offsetof(VersionRecord, majorReleaseNumber),
-                                offsetof(VersionRecord, minorReleaseNumber),
-                                offsetof(VersionRecord, optionPackNumber),
-                                offsetof(VersionRecord, versionString)};
+// clang-format off
+#define AT(field) offsetof(VersionRecord, field)
+  const std::size_t actual[] = {
+      AT(formatVersion), AT(signature), AT(name), AT(type), AT(moduleName), AT(buildNumber),
+      AT(majorRelease), AT(interfaceVersion), AT(comments), AT(companyName), AT(legalCopyright),
+      AT(internalName), AT(configuration), AT(dependentLibraries), AT(minorRelease),
+      AT(dependencies), AT(majorReleaseNumber), AT(minorReleaseNumber), AT(optionPackNumber),
+      AT(versionString)};
+#undef AT
+  // clang-format on
   ASSERT_EQ(std::size(actual), std::size(offsets));
   for (std::size_t i = 0; i < std::size(actual); ++i) {
     EXPECT_EQ(actual[i], offsets[i]) << "field " << i;
   }
 }
 
-TEST(VersionRecord, HoldsTheSameValuesAsTheTextBlock) {
-  const VersionRecord& record = LoginStorage_version_info;
-  EXPECT_EQ(record.formatVersion, 5);
-  EXPECT_EQ(0, std::memcmp(record.signature,
-                           "-\x01l\x02o\x03V\x04"
-                           "E%.",
-                           12));
-  EXPECT_EQ(record.signature[11], '\0');
-  EXPECT_STREQ(record.name, "LoginStorage");
-  EXPECT_EQ(record.type, 1);
-  EXPECT_STREQ(record.moduleName, "vel_login");
-  EXPECT_EQ(record.buildNumber, 979000012u);
-  EXPECT_STREQ(record.majorRelease, "Quillmoor");
-  EXPECT_EQ(record.interfaceVersion, 0);
-  ASSERT_NE(record.comments, nullptr);
-  EXPECT_STREQ(record.comments, "");
-  EXPECT_STREQ(record.companyName, "LoginStorage Developers");
-  EXPECT_STREQ(record.legalCopyright,
-               "Copyright (C) 2019-2026 LoginStorage Developers. MIT License, see LICENSE.");
-  EXPECT_STREQ(record.internalName, "LoginStorage");
-  EXPECT_STREQ(record.configuration, "linux30/release.dynamic");
-  EXPECT_STREQ(record.dependentLibraries, "lsbase:lstrace:lsfileio:lsnames");
-  EXPECT_STREQ(record.minorRelease, "Quillmoor_Lantern");
-  EXPECT_EQ(record.majorReleaseNumber, 5);
-  EXPECT_EQ(record.minorReleaseNumber, 0);
-  EXPECT_EQ(record.optionPackNumber, 5);
-  EXPECT_STREQ(record.versionString, "Quillmoor");
-}
+std::string text(const char* value) { return value != nullptr ? value : "(null)"; }
 
-TEST(VersionRecord, DependencyTableFollowsTheInfoLinesAndEndsWithANullRow) {
-  struct Row {
-    const char* name;
-    const char* release;
+// The record rendered line by line as the text block lays it out, dependency
+// table included, must be the text block: both say the same.
+TEST(VersionRecord, SaysWhatTheTextBlockSays) {
+  const VersionRecord& r = LoginStorage_version_info;
+  std::vector<std::string> lines = {
+      "VELVI Magic Signiture=" + std::string(r.signature, sizeof r.signature - 1),
+      "VELVI version=" + std::to_string(r.formatVersion),
+      "Name=" + text(r.name),
+      "Type=" + std::string(r.type == VelLogin::kVersionTypeLibrary ? "library" : "?"),
+      "Module Name=" + text(r.moduleName),
+      "Build Number=" + std::to_string(r.buildNumber),
+      "Major Release=" + text(r.majorRelease),
+      "Major Release Number=" + std::to_string(r.majorReleaseNumber),
+      "Minor Release=" + text(r.minorRelease),
+      "Minor Release Number=" + std::to_string(r.minorReleaseNumber),
+      "Option Pack Number=" + std::to_string(r.optionPackNumber),
+      "Version String=" + text(r.versionString),
+      "Interface Version=" + std::to_string(r.interfaceVersion),
+      "Comments=" + text(r.comments),
+      "Company Name=" + text(r.companyName),
+      "Legal Copyright=" + text(r.legalCopyright),
+      "Internal Name=" + text(r.internalName),
+      "Configuration=" + text(r.configuration),
+      "Dependent Libraries=" + text(r.dependentLibraries),
+      "Dependent Libraries Info:",
   };
-  const Row expected[] = {{"lstrace", "v3_3"},
-                          {"lsbase", "Quillmoor_Lantern"},
-                          {"lsnames", "v1_2"},
-                          {"lsfileio", "v2_7"}};
-  const VersionDependency* row = LoginStorage_version_info.dependencies;
-  ASSERT_NE(row, nullptr);
-  for (const Row& want : expected) {
-    ASSERT_NE(row->name, nullptr) << "table ends before " << want.name;
-    EXPECT_STREQ(row->name, want.name);
-    EXPECT_STREQ(row->kind, "I");
-    EXPECT_STREQ(row->release, want.release);
-    ASSERT_NE(row->reserved1, nullptr);
-    ASSERT_NE(row->reserved2, nullptr);
-    EXPECT_STREQ(row->reserved1, "");
-    EXPECT_STREQ(row->reserved2, "");
-    ++row;
+  EXPECT_EQ(r.signature[sizeof r.signature - 1], '\0');
+  ASSERT_NE(r.dependencies, nullptr);
+  const VersionDependency* row = r.dependencies;
+  for (; row->name != nullptr && lines.size() < kExpectedLines.size(); ++row) {
+    lines.push_back(text(row->name) + ":" + text(row->kind) + ":" + text(row->release));
+    EXPECT_EQ(text(row->reserved1) + text(row->reserved2), "") << row->name;
   }
+  EXPECT_EQ(lines, kExpectedLines);
+  // The table ends with a row of five null pointers.
   const void* const* end = reinterpret_cast<const void* const*>(row);
   for (int word = 0; word < 5; ++word) EXPECT_EQ(end[word], nullptr) << "word " << word;
 }
