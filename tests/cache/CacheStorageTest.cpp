@@ -1,16 +1,18 @@
+// What the model-based test cannot say about the cache: what it asks of the
+// backing store, its exact trace lines, calls back into it, and the order in
+// which it destroys what it owns. Lifetimes, sweeps and counters are checked
+// there.
 #include "LoginStorage/cache/CacheStorage.h"
 
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
-#include "LoginStorage/mem/MemStorage.h"
-#include "support/TestItem.h"
 #include "support/FakeClock.h"
+#include "support/TestItem.h"
 #include "support/TraceCapture.h"
 
 using testsupport::Events;
@@ -51,7 +53,7 @@ class RecordingStore : public VelLogin::AbstractObjectStorage {
   bool getNextRaw(std::string&, char*&, unsigned&) override { return log("getNextRaw"); }
   void endGetAll() override { log("endGetAll"); }
   unsigned getMaxRecordLen() const override { return 777; }
-  unsigned getNumElements() const override { return static_cast<unsigned>(objects.size()); }
+  unsigned getNumElements() const override { return 42; }
   bool isInStorage(const std::string& k) const override {
     log("isInStorage " + k);
     return objects.count(k) == 1;
@@ -94,145 +96,172 @@ namespace {
 
 constexpr long kT0 = 1700000000;
 
-Ptr neverCalledFactory(const char*, unsigned) {
-  ADD_FAILURE() << "the cache called the factory";
-  return Ptr();
-}
+Ptr factory(const char*, unsigned) { return Ptr(); }
 
-class CacheStorageTest : public ::testing::Test {
- protected:
-  void SetUp() override { FakeClock::set(kT0); }
-  // Everything the backing store was asked since the last call.
-  Strings backingCalls() {
-    Strings calls;
-    calls.swap(events);
-    return calls;
-  }
-  Events events;
-  RecordingStore* backing = new RecordingStore(&events);
-  CacheStorage cache{backing, 10, 100};
-};
+std::string describe(const Ptr& object) { return object ? object->toString() : "null"; }
+std::string describe(bool result) { return result ? "true" : "false"; }
 
-TEST_F(CacheStorageTest, RepeatedGetWithinTheLifetimeReturnsTheSameObjectFromMemory) {
-  EXPECT_TRUE(cache.get("k", nullptr).isNull());  // a miss is not cached
-  backing->objects["k"] = makeItem("other-key");
-  TraceCapture trace(4);
-  Ptr first = cache.get("k", neverCalledFactory);
-  EXPECT_EQ(trace.messages(), Strings{"[INFO] CacheStorage::get: adding new cache record key=k"});
-  FakeClock::set(kT0 + 10);  // the expiry second itself is still fresh
-  backing->objects.clear();
-  EXPECT_EQ(cache.get("k", nullptr).get(), first.get());
-  EXPECT_TRUE(cache.isInStorage("k"));  // cached under the key asked for
-  EXPECT_FALSE(cache.isInStorage("other-key"));
-  EXPECT_EQ(backingCalls(),
-            (Strings{"get k", "get k with factory", "isInStorage other-key"}));
-}
-
-TEST_F(CacheStorageTest, StaleRecordIsReadAgainAndRenewedFromTheCurrentTime) {
-  backing->objects["k"] = makeItem("k");
-  cache.get("k", nullptr);
-  FakeClock::set(kT0 + 11);
-  Ptr newer = makeItem("k");
-  backing->objects["k"] = newer;
-  TraceCapture trace(4);
-  EXPECT_EQ(cache.get("k", nullptr).get(), newer.get());
-  EXPECT_EQ(trace.texts(), (Strings{"[INFO] CacheStorage::get: getting from cache key=k",
-                                    "[WARNING] CacheStorage::get: cache expired!!!",
-                                    "[INFO] CacheStorage::get: update cache record key=k"}));
-  EXPECT_EQ(trace.lines()[1].severity, 2);
-  backing->objects.clear();
-  FakeClock::set(kT0 + 21);
-  EXPECT_EQ(cache.get("k", nullptr).get(), newer.get());
-  FakeClock::set(kT0 + 22);
-  backingCalls();
-  EXPECT_TRUE(cache.get("k", nullptr).isNull());  // gone from the backing store
-  EXPECT_TRUE(cache.isInStorage("k"));            // but the stale record stays
-  EXPECT_EQ(backingCalls(), Strings{"get k"});
-  const CacheStorage::Counters& c = cache.counters();
-  EXPECT_EQ(c.hits, 1u);
-  EXPECT_EQ(c.misses, 1u);
-  EXPECT_EQ(c.staleHits, 2u);
-  EXPECT_EQ(c.backingReads, 3u);
-  EXPECT_EQ(c.backingReadFailures, 1u);
-}
-
-TEST_F(CacheStorageTest, SetWritesThroughFirstAndCachesOnlyWhatTheBackingStoreTook) {
-  Ptr older = makeItem("k");
-  EXPECT_FALSE(cache.set(Ptr(), 5));
-  TraceCapture trace(4);
-  EXPECT_TRUE(cache.set(older, 5));
-  EXPECT_EQ(trace.messages(), Strings{"[INFO] CacheStorage::set: adding to cache storable key=k"});
-  backing->refuseSet = true;
-  EXPECT_FALSE(cache.set(makeItem("k", &events), 5));
-  backing->objects.clear();
-  EXPECT_EQ(cache.get("k", nullptr).get(), older.get());
-  EXPECT_EQ(backingCalls(), (Strings{"set k 5", "set k 5", "~k"}));
-  EXPECT_EQ(cache.counters().writeThroughsRefused, 1u);
-}
-
-TEST_F(CacheStorageTest, OtherOperationsPassThroughAndOnlyDelTrimsTheCache) {
-  Ptr item = makeItem("k");
-  cache.set(item, 0);
-  cache.set(makeItem("gone"), 0);
-  backing->objects.clear();
-  backingCalls();
+// Every operation on a cache of lifetime 10 and threshold 1 that holds "k"
+// (also in the backing store, object "item k"): its answer, what it asks of
+// the backing store, and its trace lines at the fullest level.
+TEST(CacheStorageTest, EachOperationsAnswerBackingCallsAndTraceLines) {
+  struct Case {
+    const char* name;
+    std::function<std::string(CacheStorage&, RecordingStore&)> run;
+    std::string answer;
+    Strings backing;
+    Strings lines;  // those without a '[' are "[TRACE] CacheStorage::<line>: begin"
+  };
   std::string key;
   char* data = nullptr;
   unsigned len = 3;
   bool end = false;
-  EXPECT_TRUE(cache.setRaw("k", "ab", 2, 9) && cache.setExpiration("k", 4));
-  EXPECT_TRUE(cache.getRaw("k", data, len) && len == 7);
-  EXPECT_TRUE(cache.startGetAll() && cache.getNextRaw(key, data, len) &&
-              cache.getNextInternal(key, data, len, end));
-  EXPECT_TRUE(cache.getNext().isNull());
-  cache.endGetAll();
-  cache.setFactoryFunc(nullptr);
-  EXPECT_EQ(cache.getMaxRecordLen(), 777u);
-  EXPECT_EQ(cache.getNumElements(), 0u);  // the backing store's count
-  EXPECT_EQ(cache.get("k", nullptr).get(), item.get());
-  EXPECT_FALSE(cache.del("gone"));  // erased here, the backing store's answer
-  EXPECT_FALSE(cache.isInStorage("gone"));
-  EXPECT_TRUE(cache.delAll());
-  EXPECT_FALSE(cache.isInStorage("k"));
-  EXPECT_EQ(backingCalls(), (Strings{"setRaw k 9", "setExpiration k", "getRaw k", "startGetAll",
-                                     "getNextRaw", "getNextInternal", "getNext", "endGetAll",
-                                     "setFactoryFunc", "isInStorage gone", "delAll",
-                                     "isInStorage k"}));
-}
-
-TEST_F(CacheStorageTest, CleanupSweepsOnlyStaleRecordsPastBothGates) {
-  CacheStorage small(new RecordingStore(&events), 10, 1);
-  small.set(makeItem("old"), 0);
-  FakeClock::set(kT0 + 11);
-  small.set(makeItem("new"), 0);  // time gate passed, count gate (1 <= 1) not
-  EXPECT_EQ(small.counters().sweeps, 0u);
-  TraceCapture trace(4);
-  small.get("new", nullptr);  // 2 records: runs now, the count gate kept the old time
-  EXPECT_EQ(trace.messages(),
-            (Strings{"[INFO] CacheStorage::cleanup: Running cleanup...",
-                     "[INFO] CacheStorage::get: getting from cache key=new"}));
-  EXPECT_EQ(small.counters().recordsSwept, 1u);
-  small.set(makeItem("x"), 0);
-  FakeClock::set(kT0 + 21);  // "new" is still fresh, "x" too
-  small.get("new", nullptr);
-  FakeClock::set(kT0 + 22);
-  small.get("new", nullptr);  // runs: more than 10 s since kT0 + 11
-  EXPECT_EQ(small.counters().sweeps, 2u);
-  EXPECT_EQ(small.counters().recordsSwept, 3u);
-  // Near the largest long a record never goes stale and a pass never falls due.
-  CacheStorage forever(new RecordingStore(&events), LONG_MAX, 0);
-  forever.set(makeItem("k"), 0);
-  FakeClock::set(LONG_MAX);
-  EXPECT_FALSE(forever.get("k", nullptr).isNull());
-  EXPECT_EQ(forever.counters().hits + forever.counters().sweeps, 1u);
+  const Ptr refused = makeItem("k");
+  const Case cases[] = {
+      {"fresh hit", [](CacheStorage& c, RecordingStore& b) {
+         b.objects.clear();
+         return describe(c.get("k", factory));
+       },
+       "item k", {},
+       {"get", "cleanup", "[INFO] CacheStorage::get: getting from cache key=k",
+        "CacheRecord::expired", "CacheRecord::getStorable"}},
+      {"miss, cached under the key asked for", [](CacheStorage& c, RecordingStore& b) {
+         b.objects["n"] = makeItem("other");
+         std::string answer = describe(c.get("n", factory)) + ", ";
+         answer += describe(c.isInStorage("n"));
+         return answer + describe(c.isInStorage("other"));
+       },
+       "item other, truefalse", {"get n with factory", "isInStorage other"},
+       {"get", "cleanup", "[INFO] CacheStorage::get: adding new cache record key=n",
+        "isInStorage", "isInStorage"}},
+      {"miss in both", [](CacheStorage& c, RecordingStore&) {
+         const std::string answer = describe(c.get("n", nullptr)) + ", ";
+         return answer + describe(c.isInStorage("n"));
+       },
+       "null, false", {"get n", "isInStorage n"}, {"get", "cleanup", "isInStorage"}},
+      {"stale, renewed from the backing store", [](CacheStorage& c, RecordingStore& b) {
+         FakeClock::advance(11);
+         b.objects["k"] = makeItem("newer");
+         return describe(c.get("k", nullptr));
+       },
+       "item newer", {"get k"},
+       {"get", "cleanup", "[INFO] CacheStorage::get: getting from cache key=k",
+        "CacheRecord::expired", "[WARNING] CacheStorage::get: cache expired!!!",
+        "[INFO] CacheStorage::get: update cache record key=k", "CacheRecord::set"}},
+      {"stale, gone from the backing store", [](CacheStorage& c, RecordingStore& b) {
+         FakeClock::advance(11);
+         b.objects.clear();
+         const std::string answer = describe(c.get("k", nullptr)) + ", ";
+         return answer + describe(c.isInStorage("k"));
+       },
+       "null, true", {"get k"},
+       {"get", "cleanup", "[INFO] CacheStorage::get: getting from cache key=k",
+        "CacheRecord::expired", "[WARNING] CacheStorage::get: cache expired!!!", "isInStorage"}},
+      {"set writes through first", [](CacheStorage& c, RecordingStore& b) {
+         const bool stored = c.set(makeItem("k"), 5);
+         b.objects.clear();
+         return describe(stored) + ", " + describe(c.get("k", nullptr).get() != nullptr);
+       },
+       "true, true", {"set k 5"},
+       {"set", "cleanup", "[INFO] CacheStorage::set: adding to cache storable key=k", "get",
+        "cleanup", "[INFO] CacheStorage::get: getting from cache key=k", "CacheRecord::expired",
+        "CacheRecord::getStorable"}},
+      {"refused set keeps the cached object", [&](CacheStorage& c, RecordingStore& b) {
+         b.refuseSet = true;
+         const bool stored = c.set(refused, 5);
+         b.objects.clear();
+         return describe(stored) + ", " + describe(c.get("k", nullptr).get() != refused.get());
+       },
+       "false, true", {"set k 5"},
+       {"set", "cleanup", "get", "cleanup", "[INFO] CacheStorage::get: getting from cache key=k",
+        "CacheRecord::expired", "CacheRecord::getStorable"}},
+      {"set of nothing", [](CacheStorage& c, RecordingStore&) { return describe(c.set(Ptr(), 5)); },
+       "false", {}, {"set", "cleanup"}},
+      {"sweep drops only the stale record", [](CacheStorage& c, RecordingStore&) {
+         FakeClock::advance(11);
+         c.set(makeItem("m"), 0);  // 2 records from now on: the count gate opens
+         c.cleanup();
+         const std::string answer = describe(c.isInStorage("m"));
+         return answer + describe(c.isInStorage("k"));
+       },
+       "truetrue", {"set m 0", "isInStorage k"},
+       {"set", "cleanup", "[INFO] CacheStorage::set: adding to cache storable key=m", "cleanup",
+        "[INFO] CacheStorage::cleanup: Running cleanup...", "CacheRecord::expired",
+        "CacheRecord::expired", "isInStorage", "isInStorage"}},
+      {"del trims the cache", [](CacheStorage& c, RecordingStore&) {
+         const std::string answer = describe(c.del("k"));
+         return answer + describe(c.isInStorage("k"));
+       },
+       "truefalse", {"isInStorage k"}, {"del", "isInStorage"}},
+      {"delAll empties the cache", [](CacheStorage& c, RecordingStore&) {
+         const std::string answer = describe(c.delAll());
+         return answer + describe(c.isInStorage("k"));
+       },
+       "truetrue", {"delAll", "isInStorage k"}, {"delAll", "isInStorage"}},
+      {"getRaw", [&](CacheStorage& c, RecordingStore&) {
+         const std::string answer = describe(c.getRaw("k", data, len));
+         return answer + std::to_string(len);
+       },
+       "true7", {"getRaw k"}, {"getRaw"}},
+      {"setRaw", [](CacheStorage& c, RecordingStore&) { return describe(c.setRaw("k", "ab", 2, 9)); },
+       "true", {"setRaw k 9"}, {"setRaw"}},
+      {"setExpiration",
+       [](CacheStorage& c, RecordingStore&) { return describe(c.setExpiration("k", 4)); }, "true",
+       {"setExpiration k"}, {"setExpiration"}},
+      {"startGetAll", [](CacheStorage& c, RecordingStore&) { return describe(c.startGetAll()); },
+       "true", {"startGetAll"}, {"startGetAll"}},
+      {"getNextRaw",
+       [&](CacheStorage& c, RecordingStore&) { return describe(c.getNextRaw(key, data, len)); },
+       "true", {"getNextRaw"}, {"getNextRaw"}},
+      {"getNextInternal", [&](CacheStorage& c, RecordingStore&) {
+         return describe(c.getNextInternal(key, data, len, end));
+       },
+       "true", {"getNextInternal"}, {"getNextInternal"}},
+      {"getNext", [](CacheStorage& c, RecordingStore&) { return describe(c.getNext()); }, "item k",
+       {"getNext"}, {"getNext"}},
+      {"endGetAll", [](CacheStorage& c, RecordingStore&) {
+         c.endGetAll();
+         return "";
+       },
+       "", {"endGetAll"}, {"endGetAll"}},
+      {"setFactoryFunc", [](CacheStorage& c, RecordingStore&) {
+         c.setFactoryFunc(factory);
+         return "";
+       },
+       "", {"setFactoryFunc"}, {"setFactoryFunc"}},
+      {"getMaxRecordLen",
+       [](CacheStorage& c, RecordingStore&) { return std::to_string(c.getMaxRecordLen()); }, "777",
+       {}, {"getMaxRecordLen"}},
+      {"getNumElements",
+       [](CacheStorage& c, RecordingStore&) { return std::to_string(c.getNumElements()); }, "42",
+       {}, {"getNumElements"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    FakeClock::set(kT0);
+    Events events;
+    auto* backing = new RecordingStore(&events);
+    CacheStorage cache(backing, 10, 1);
+    ASSERT_TRUE(cache.set(makeItem("k"), 0));
+    events.clear();
+    Strings expected;
+    for (const std::string& line : c.lines) {
+      expected.push_back(line[0] == '[' ? line : "[TRACE] CacheStorage::" + line + ": begin");
+    }
+    TraceCapture trace(7, true);
+    EXPECT_EQ(c.run(cache, *backing), c.answer);
+    EXPECT_EQ(trace.texts(), expected);
+    EXPECT_EQ(events, c.backing);
+  }
 }
 
 // The backing store calls back into the cache in the middle of get() and of
 // set(); the nested calls run a sweep that drops the stale record of "k".
-TEST_F(CacheStorageTest, CallsBackIntoTheCacheThatSweepLeaveTheOuterCallWhole) {
+TEST(CacheStorageTest, CallsBackIntoTheCacheThatSweepLeaveTheOuterCallWhole) {
   for (bool throughGet : {true, false}) {
     SCOPED_TRACE(throughGet ? "get" : "set");
     FakeClock::set(kT0);
+    Events events;
     auto* store = new RecordingStore(&events);
     CacheStorage reentered(store, 10, 1);
     ASSERT_TRUE(reentered.set(makeItem("k"), 0));
@@ -259,18 +288,7 @@ TEST_F(CacheStorageTest, CallsBackIntoTheCacheThatSweepLeaveTheOuterCallWhole) {
   }
 }
 
-TEST_F(CacheStorageTest, FreshHitTraceLines) {
-  cache.set(makeItem("k"), 0);
-  TraceCapture trace(7, true);
-  cache.get("k", nullptr);
-  EXPECT_EQ(trace.texts(), (Strings{"[TRACE] CacheStorage::get: begin",
-                                    "[TRACE] CacheStorage::cleanup: begin",
-                                    "[INFO] CacheStorage::get: getting from cache key=k",
-                                    "[TRACE] CacheStorage::CacheRecord::expired: begin",
-                                    "[TRACE] CacheStorage::CacheRecord::getStorable: begin"}));
-}
-
-TEST(CacheStorageChainTest, BackingStoreIsDeletedBeforeTheCachedObjects) {
+TEST(CacheStorageTest, BackingStoreIsDeletedBeforeTheCachedObjects) {
   FakeClock::set(kT0);
   Events events;
   auto* backing = new RecordingStore(&events);
@@ -281,24 +299,6 @@ TEST(CacheStorageChainTest, BackingStoreIsDeletedBeforeTheCachedObjects) {
   delete cache;
   EXPECT_EQ(events, (Strings{"~store", "~k"}));
   delete new CacheStorage(nullptr, 10, 0);
-}
-
-TEST(CacheStorageChainTest, CacheInFrontOfMemStorageOutlivesTheShorterBackingLifetime) {
-  FakeClock::set(kT0);
-  Events events;
-  {
-    CacheStorage cache(new VelLogin::MemStorage(5, 0), 100, 1);
-    Ptr item = makeItem("k", &events);
-    ASSERT_TRUE(cache.set(item, 1));
-    FakeClock::set(kT0 + 100);
-    EXPECT_EQ(cache.get("k", nullptr).get(), item.get());  // memory store let it expire
-    EXPECT_EQ(cache.getNumElements(), 1u);
-    FakeClock::set(kT0 + 101);
-    EXPECT_TRUE(cache.get("k", nullptr).isNull());  // stale here, expired there
-    EXPECT_EQ(cache.getNumElements(), 0u);
-    EXPECT_TRUE(cache.isInStorage("k"));  // the stale record answers
-  }
-  EXPECT_EQ(events, Strings{"~k"});
 }
 
 }  // namespace
