@@ -2,8 +2,6 @@
 // backing store, its exact trace lines, calls back into it, and the order in
 // which it destroys what it owns. Lifetimes, sweeps and counters are checked
 // there.
-#include "LoginStorage/cache/CacheStorage.h"
-
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -11,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "LoginStorage/cache/CacheStorage.h"
+#include "support/EntryLines.h"
 #include "support/FakeClock.h"
 #include "support/TestItem.h"
 #include "support/TraceCapture.h"
@@ -19,6 +19,7 @@ using testsupport::Events;
 using testsupport::FakeClock;
 using testsupport::makeItem;
 using testsupport::TraceCapture;
+using testsupport::withEntries;
 using VelLogin::CacheStorage;
 using VelLogin::FactoryFunc;
 using VelLogin::IStorable;
@@ -98,161 +99,95 @@ constexpr long kT0 = 1700000000;
 
 Ptr factory(const char*, unsigned) { return Ptr(); }
 
-std::string describe(const Ptr& object) { return object ? object->toString() : "null"; }
-std::string describe(bool result) { return result ? "true" : "false"; }
-
-// Every operation on a cache of lifetime 10 and threshold 1 that holds "k"
-// (also in the backing store, object "item k"): its answer, what it asks of
-// the backing store, and its trace lines at the fullest level.
-TEST(CacheStorageTest, EachOperationsAnswerBackingCallsAndTraceLines) {
-  struct Case {
-    const char* name;
-    std::function<std::string(CacheStorage&, RecordingStore&)> run;
-    std::string answer;
-    Strings backing;
-    Strings lines;  // those without a '[' are "[TRACE] CacheStorage::<line>: begin"
-  };
+// Every operation's answer, what it asks of the backing store and its trace
+// lines at the fullest level, in one run over a cache of lifetime 10 and
+// threshold 2.
+TEST(CacheStorageTest, AnswersBackingCallsAndTraceLinesOfEveryOperation) {
+  FakeClock::set(kT0);
+  Events events;
+  auto* backing = new RecordingStore(&events);
+  CacheStorage cache(backing, 10, 2);
+  const Ptr cached = makeItem("k"), refused = makeItem("k"), newer = makeItem("k");
   std::string key;
   char* data = nullptr;
   unsigned len = 3;
   bool end = false;
-  const Ptr refused = makeItem("k");
-  const Case cases[] = {
-      {"fresh hit", [](CacheStorage& c, RecordingStore& b) {
-         b.objects.clear();
-         return describe(c.get("k", factory));
-       },
-       "item k", {},
-       {"get", "cleanup", "[INFO] CacheStorage::get: getting from cache key=k",
-        "CacheRecord::expired", "CacheRecord::getStorable"}},
-      {"miss, cached under the key asked for", [](CacheStorage& c, RecordingStore& b) {
-         b.objects["n"] = makeItem("other");
-         std::string answer = describe(c.get("n", factory)) + ", ";
-         answer += describe(c.isInStorage("n"));
-         return answer + describe(c.isInStorage("other"));
-       },
-       "item other, truefalse", {"get n with factory", "isInStorage other"},
-       {"get", "cleanup", "[INFO] CacheStorage::get: adding new cache record key=n",
-        "isInStorage", "isInStorage"}},
-      {"miss in both", [](CacheStorage& c, RecordingStore&) {
-         const std::string answer = describe(c.get("n", nullptr)) + ", ";
-         return answer + describe(c.isInStorage("n"));
-       },
-       "null, false", {"get n", "isInStorage n"}, {"get", "cleanup", "isInStorage"}},
-      {"stale, renewed from the backing store", [](CacheStorage& c, RecordingStore& b) {
-         FakeClock::advance(11);
-         b.objects["k"] = makeItem("newer");
-         return describe(c.get("k", nullptr));
-       },
-       "item newer", {"get k"},
-       {"get", "cleanup", "[INFO] CacheStorage::get: getting from cache key=k",
-        "CacheRecord::expired", "[WARNING] CacheStorage::get: cache expired!!!",
-        "[INFO] CacheStorage::get: update cache record key=k", "CacheRecord::set"}},
-      {"stale, gone from the backing store", [](CacheStorage& c, RecordingStore& b) {
-         FakeClock::advance(11);
-         b.objects.clear();
-         const std::string answer = describe(c.get("k", nullptr)) + ", ";
-         return answer + describe(c.isInStorage("k"));
-       },
-       "null, true", {"get k"},
-       {"get", "cleanup", "[INFO] CacheStorage::get: getting from cache key=k",
-        "CacheRecord::expired", "[WARNING] CacheStorage::get: cache expired!!!", "isInStorage"}},
-      {"set writes through first", [](CacheStorage& c, RecordingStore& b) {
-         const bool stored = c.set(makeItem("k"), 5);
-         b.objects.clear();
-         return describe(stored) + ", " + describe(c.get("k", nullptr).get() != nullptr);
-       },
-       "true, true", {"set k 5"},
-       {"set", "cleanup", "[INFO] CacheStorage::set: adding to cache storable key=k", "get",
-        "cleanup", "[INFO] CacheStorage::get: getting from cache key=k", "CacheRecord::expired",
-        "CacheRecord::getStorable"}},
-      {"refused set keeps the cached object", [&](CacheStorage& c, RecordingStore& b) {
-         b.refuseSet = true;
-         const bool stored = c.set(refused, 5);
-         b.objects.clear();
-         return describe(stored) + ", " + describe(c.get("k", nullptr).get() != refused.get());
-       },
-       "false, true", {"set k 5"},
-       {"set", "cleanup", "get", "cleanup", "[INFO] CacheStorage::get: getting from cache key=k",
-        "CacheRecord::expired", "CacheRecord::getStorable"}},
-      {"set of nothing", [](CacheStorage& c, RecordingStore&) { return describe(c.set(Ptr(), 5)); },
-       "false", {}, {"set", "cleanup"}},
-      {"sweep drops only the stale record", [](CacheStorage& c, RecordingStore&) {
-         FakeClock::advance(11);
-         c.set(makeItem("m"), 0);  // 2 records from now on: the count gate opens
-         c.cleanup();
-         const std::string answer = describe(c.isInStorage("m"));
-         return answer + describe(c.isInStorage("k"));
-       },
-       "truetrue", {"set m 0", "isInStorage k"},
-       {"set", "cleanup", "[INFO] CacheStorage::set: adding to cache storable key=m", "cleanup",
-        "[INFO] CacheStorage::cleanup: Running cleanup...", "CacheRecord::expired",
-        "CacheRecord::expired", "isInStorage", "isInStorage"}},
-      {"del trims the cache", [](CacheStorage& c, RecordingStore&) {
-         const std::string answer = describe(c.del("k"));
-         return answer + describe(c.isInStorage("k"));
-       },
-       "truefalse", {"isInStorage k"}, {"del", "isInStorage"}},
-      {"delAll empties the cache", [](CacheStorage& c, RecordingStore&) {
-         const std::string answer = describe(c.delAll());
-         return answer + describe(c.isInStorage("k"));
-       },
-       "truetrue", {"delAll", "isInStorage k"}, {"delAll", "isInStorage"}},
-      {"getRaw", [&](CacheStorage& c, RecordingStore&) {
-         const std::string answer = describe(c.getRaw("k", data, len));
-         return answer + std::to_string(len);
-       },
-       "true7", {"getRaw k"}, {"getRaw"}},
-      {"setRaw", [](CacheStorage& c, RecordingStore&) { return describe(c.setRaw("k", "ab", 2, 9)); },
-       "true", {"setRaw k 9"}, {"setRaw"}},
-      {"setExpiration",
-       [](CacheStorage& c, RecordingStore&) { return describe(c.setExpiration("k", 4)); }, "true",
-       {"setExpiration k"}, {"setExpiration"}},
-      {"startGetAll", [](CacheStorage& c, RecordingStore&) { return describe(c.startGetAll()); },
-       "true", {"startGetAll"}, {"startGetAll"}},
-      {"getNextRaw",
-       [&](CacheStorage& c, RecordingStore&) { return describe(c.getNextRaw(key, data, len)); },
-       "true", {"getNextRaw"}, {"getNextRaw"}},
-      {"getNextInternal", [&](CacheStorage& c, RecordingStore&) {
-         return describe(c.getNextInternal(key, data, len, end));
-       },
-       "true", {"getNextInternal"}, {"getNextInternal"}},
-      {"getNext", [](CacheStorage& c, RecordingStore&) { return describe(c.getNext()); }, "item k",
-       {"getNext"}, {"getNext"}},
-      {"endGetAll", [](CacheStorage& c, RecordingStore&) {
-         c.endGetAll();
-         return "";
-       },
-       "", {"endGetAll"}, {"endGetAll"}},
-      {"setFactoryFunc", [](CacheStorage& c, RecordingStore&) {
-         c.setFactoryFunc(factory);
-         return "";
-       },
-       "", {"setFactoryFunc"}, {"setFactoryFunc"}},
-      {"getMaxRecordLen",
-       [](CacheStorage& c, RecordingStore&) { return std::to_string(c.getMaxRecordLen()); }, "777",
-       {}, {"getMaxRecordLen"}},
-      {"getNumElements",
-       [](CacheStorage& c, RecordingStore&) { return std::to_string(c.getNumElements()); }, "42",
-       {}, {"getNumElements"}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    FakeClock::set(kT0);
-    Events events;
-    auto* backing = new RecordingStore(&events);
-    CacheStorage cache(backing, 10, 1);
-    ASSERT_TRUE(cache.set(makeItem("k"), 0));
-    events.clear();
-    Strings expected;
-    for (const std::string& line : c.lines) {
-      expected.push_back(line[0] == '[' ? line : "[TRACE] CacheStorage::" + line + ": begin");
-    }
-    TraceCapture trace(7, true);
-    EXPECT_EQ(c.run(cache, *backing), c.answer);
-    EXPECT_EQ(trace.texts(), expected);
-    EXPECT_EQ(events, c.backing);
-  }
+  TraceCapture trace(7, true);
+  EXPECT_TRUE(cache.set(cached, 5));
+  EXPECT_EQ(cache.get("k", factory), cached);  // from memory: no backing call
+  backing->refuseSet = true;
+  EXPECT_FALSE(cache.set(refused, 6));
+  EXPECT_FALSE(cache.set(Ptr(), 7));
+  EXPECT_EQ(cache.get("k", nullptr), cached);  // the refused write left it
+  backing->objects["n"] = makeItem("other");
+  EXPECT_EQ(cache.get("n", factory)->getKey(), "other");
+  EXPECT_TRUE(cache.isInStorage("n"));  // cached under the key asked for
+  EXPECT_FALSE(cache.isInStorage("other"));
+  EXPECT_TRUE(cache.get("m", nullptr).isNull());
+  EXPECT_FALSE(cache.isInStorage("m"));  // a miss is not cached
+  EXPECT_TRUE(cache.getRaw("k", data, len) && len == 7);
+  EXPECT_TRUE(cache.setRaw("k", "ab", 2, 9));
+  EXPECT_TRUE(cache.setExpiration("k", 4));
+  EXPECT_TRUE(cache.startGetAll());
+  EXPECT_TRUE(cache.getNextRaw(key, data, len));
+  EXPECT_TRUE(cache.getNextInternal(key, data, len, end));
+  EXPECT_EQ(cache.getNext(), cached);
+  cache.endGetAll();
+  cache.setFactoryFunc(factory);
+  EXPECT_EQ(cache.getMaxRecordLen(), 777u);
+  EXPECT_EQ(cache.getNumElements(), 42u);
+  const std::string info = "[INFO] CacheStorage::", hit = info + "get: getting from cache key=k";
+  // One call's lines per row.
+  // clang-format off
+  EXPECT_EQ(trace.texts(),
+            withEntries("CacheStorage",
+                        {"set", "cleanup", info + "set: adding to cache storable key=k",
+                         "get", "cleanup", hit, "CacheRecord::expired", "CacheRecord::getStorable",
+                         "set", "cleanup", "set", "cleanup",
+                         "get", "cleanup", hit, "CacheRecord::expired", "CacheRecord::getStorable",
+                         "get", "cleanup", info + "get: adding new cache record key=n",
+                         "isInStorage", "isInStorage", "get", "cleanup", "isInStorage", "getRaw",
+                         "setRaw", "setExpiration", "startGetAll", "getNextRaw", "getNextInternal",
+                         "getNext", "endGetAll", "setFactoryFunc", "getMaxRecordLen",
+                         "getNumElements"}));
+  // clang-format on
+  EXPECT_EQ(events,
+            (Strings{"set k 5", "set k 6", "get n with factory", "isInStorage other", "get m",
+                     "isInStorage m", "getRaw k", "setRaw k 9", "setExpiration k", "startGetAll",
+                     "getNextRaw", "getNextInternal", "getNext", "endGetAll", "setFactoryFunc"}));
+
+  // Past the lifetime: "k" is read again, "n" stays stale, and a sweep drops it.
+  FakeClock::advance(11);
+  backing->refuseSet = false;
+  backing->objects = {{"k", newer}};
+  trace.clear();
+  events.clear();
+  EXPECT_EQ(cache.get("k", nullptr), newer);
+  EXPECT_TRUE(cache.get("n", nullptr).isNull());
+  EXPECT_TRUE(cache.isInStorage("n"));
+  EXPECT_TRUE(cache.set(makeItem("m"), 0));  // three records: the count gate opens
+  cache.cleanup();
+  EXPECT_FALSE(cache.isInStorage("n"));
+  EXPECT_TRUE(cache.del("k"));
+  EXPECT_FALSE(cache.isInStorage("k"));
+  EXPECT_TRUE(cache.delAll());
+  EXPECT_TRUE(cache.isInStorage("m"));  // the backing store's answer
+  const std::string stale = "[WARNING] CacheStorage::get: cache expired!!!";
+  // One call's lines per row.
+  // clang-format off
+  EXPECT_EQ(trace.texts(),
+            withEntries("CacheStorage",
+                        {"get", "cleanup", hit, "CacheRecord::expired", stale,
+                         info + "get: update cache record key=k", "CacheRecord::set",
+                         "get", "cleanup", info + "get: getting from cache key=n",
+                         "CacheRecord::expired", stale, "isInStorage",
+                         "set", "cleanup", info + "set: adding to cache storable key=m",
+                         "cleanup", info + "cleanup: Running cleanup...", "CacheRecord::expired",
+                         "CacheRecord::expired", "CacheRecord::expired", "isInStorage",
+                         "del", "isInStorage", "delAll", "isInStorage"}));
+  // clang-format on
+  EXPECT_EQ(events, (Strings{"get k", "get n", "set m 0", "isInStorage n", "isInStorage k",
+                             "delAll", "isInStorage m"}));
 }
 
 // The backing store calls back into the cache in the middle of get() and of

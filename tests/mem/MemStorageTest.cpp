@@ -1,14 +1,13 @@
 // What the model-based test cannot say about the memory store: exact trace
 // lines, when objects are released, and the fixed answers of the raw
 // interface. Lifetimes, sweeps and counters are checked there.
-#include "LoginStorage/mem/MemStorage.h"
-
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 
+#include "LoginStorage/mem/MemStorage.h"
+#include "support/EntryLines.h"
 #include "support/FakeClock.h"
 #include "support/TestItem.h"
 #include "support/TraceCapture.h"
@@ -16,6 +15,7 @@
 using testsupport::Events;
 using testsupport::FakeClock;
 using testsupport::makeItem;
+using testsupport::withEntries;
 using VelLogin::IStorable;
 using VelLogin::MemStorage;
 using VelLogin::RefCountPtr;
@@ -31,83 +31,70 @@ class MemStorageTest : public ::testing::Test {
   Events events;
 };
 
-// Every operation on a store of lifetime 60 and threshold 1 that holds "k",
-// traced at the fullest level.
-TEST_F(MemStorageTest, TraceLinesOfEveryOperation) {
-  const std::string begin = "[TRACE] MemStorage::";
-  struct Case {
-    const char* name;
-    std::function<void(MemStorage&)> run;
-    Strings lines;
-  };
-  std::string key;
-  char* data = nullptr;
-  unsigned len = 0;
+// Every operation's answer, out-parameters and trace lines at the fullest
+// level, in one run.
+TEST_F(MemStorageTest, AnswersAndTraceLinesOfEveryOperation) {
+  MemStorage store(60, 1);
+  store.set(makeItem("k2"), 0);
+  char buffer[4];
+  char* data = buffer;
+  unsigned len = 4;
   bool end = false;
-  const Case cases[] = {
-      {"set", [](MemStorage& s) { s.set(makeItem("n"), 0); },
-       {"set: begin", "[INFO] MemStorage::set: [MEMSTORAGE] adding key 'n'",
-        "[INFO] MemStorage::set: adding to memory storable key=n"}},
-      {"get", [](MemStorage& s) { s.get("k", nullptr); },
-       {"get: begin", "[INFO] MemStorage::get: [MEMSTORAGE] getting key 'k'",
-        "MemRecord::expired: begin", "MemRecord::getStorable: begin"}},
-      {"del", [](MemStorage& s) { s.del("k"); },
-       {"del: begin", "[INFO] MemStorage::del: [MEMSTORAGE] del key 'k'"}},
-      {"delAll", [](MemStorage& s) { s.delAll(); },
-       {"delAll: begin", "[INFO] MemStorage::delAll: [MEMSTORAGE] delAll"}},
-      {"getRaw", [&](MemStorage& s) { s.getRaw("k", data, len); },
-       {"getRaw: begin", "[INFO] MemStorage::getRaw: [MEMSTORAGE] get raw for key 'k'"}},
-      {"setRaw", [](MemStorage& s) { s.setRaw("k", "x", 1, 0); },
-       {"setRaw: begin", "[INFO] MemStorage::setRaw: [MEMSTORAGE] set raw for key 'k'"}},
-      {"setExpiration", [](MemStorage& s) { s.setExpiration("k", 5); }, {"setExpiration: begin"}},
-      {"startGetAll", [](MemStorage& s) { s.startGetAll(); }, {"startGetAll: begin"}},
-      {"getNextRaw", [&](MemStorage& s) { s.getNextRaw(key, data, len); }, {"getNextRaw: begin"}},
-      {"getNextInternal", [&](MemStorage& s) { s.getNextInternal(key, data, len, end); },
-       {"getNextInternal: begin"}},
-      {"getNext", [](MemStorage& s) { s.getNext(); }, {"getNext: begin"}},
-      {"endGetAll", [](MemStorage& s) { s.endGetAll(); }, {"endGetAll: begin"}},
-      {"getNumElements", [](MemStorage& s) { s.getNumElements(); }, {"getNumElements: begin"}},
-      {"getMaxRecordLen", [](MemStorage& s) { s.getMaxRecordLen(); }, {"getMaxRecordLen: begin"}},
-      {"isInStorage", [](MemStorage& s) { s.isInStorage("k"); }, {"isInStorage: begin"}},
-      {"setFactoryFunc", [](MemStorage& s) { s.setFactoryFunc(nullptr); },
-       {"setFactoryFunc: begin"}},
-      {"cleanup, gated", [](MemStorage& s) { s.cleanup(); }, {"cleanup: begin"}},
-      {"cleanup, sweeping",
-       [](MemStorage& s) {
-         FakeClock::advance(61);
-         s.cleanup();
-       },
-       {"cleanup: begin", "[INFO] MemStorage::cleanup: Running cleanup...",
-        "MemRecord::expired: begin", "MemRecord::expired: begin"}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    FakeClock::set(kT0);
-    MemStorage store(60, 1);
-    store.set(makeItem("k"), 0);
-    store.set(makeItem("k2"), 0);
-    Strings expected;
-    for (const std::string& line : c.lines) {
-      expected.push_back(line[0] == '[' ? line : begin + line);
-    }
-    testsupport::TraceCapture trace(7, true);
-    c.run(store);
-    EXPECT_EQ(trace.texts(), expected);
-  }
-}
-
-TEST_F(MemStorageTest, TheKeyIsAskedForOnceWhenNotTracing) {
-  auto* item = new testsupport::TestItem("k");
-  MemStorage store(60, 100);
-  store.set(RefCountPtr<IStorable>(item), 0);
-  EXPECT_EQ(item->keyCalls, 1);
+  std::string key = "untouched";
+  testsupport::TraceCapture trace(7, true);
+  EXPECT_TRUE(store.set(makeItem("k"), 0));
+  EXPECT_EQ(store.get("k", nullptr)->getKey(), "k");
+  EXPECT_TRUE(store.setRaw("r", "xy", 2, 0));  // raw records are not kept
+  EXPECT_TRUE(store.setExpiration("r", 5));
+  EXPECT_FALSE(store.getRaw("r", data, len));
+  EXPECT_TRUE(data == nullptr && len == 0);
+  data = buffer;
+  EXPECT_FALSE(store.startGetAll());
+  EXPECT_FALSE(store.getNextRaw(key, data, len));
+  EXPECT_FALSE(store.getNextInternal(key, data, len, end));
+  EXPECT_TRUE(key == "untouched" && data == buffer && len == 0 && !end);
+  EXPECT_TRUE(store.getNext().isNull());
+  store.endGetAll();
+  store.setFactoryFunc(nullptr);
+  EXPECT_FALSE(store.isInStorage("r"));
+  EXPECT_EQ(store.getNumElements(), 2u);
+  EXPECT_EQ(store.getMaxRecordLen(), 1000000u);
+  store.cleanup();  // within the lifetime: no pass
+  const std::string info = "[INFO] MemStorage::";
+  // One call's lines per row.
+  // clang-format off
+  EXPECT_EQ(trace.texts(),
+            withEntries("MemStorage",
+                        {"set", info + "set: [MEMSTORAGE] adding key 'k'",
+                         info + "set: adding to memory storable key=k",
+                         "get", info + "get: [MEMSTORAGE] getting key 'k'", "MemRecord::expired",
+                         "MemRecord::getStorable",
+                         "setRaw", info + "setRaw: [MEMSTORAGE] set raw for key 'r'",
+                         "setExpiration",
+                         "getRaw", info + "getRaw: [MEMSTORAGE] get raw for key 'r'",
+                         "startGetAll", "getNextRaw", "getNextInternal", "getNext", "endGetAll",
+                         "setFactoryFunc", "isInStorage", "getNumElements", "getMaxRecordLen",
+                         "cleanup"}));
+  // clang-format on
+  trace.clear();
+  FakeClock::advance(61);
+  store.cleanup();
+  EXPECT_TRUE(store.del("k"));
+  EXPECT_TRUE(store.delAll());
+  EXPECT_EQ(trace.texts(),
+            withEntries("MemStorage",
+                        {"cleanup", info + "cleanup: Running cleanup...", "MemRecord::expired",
+                         "MemRecord::expired", "del", info + "del: [MEMSTORAGE] del key 'k'",
+                         "delAll", info + "delAll: [MEMSTORAGE] delAll"}));
 }
 
 TEST_F(MemStorageTest, SetReplacesByTheObjectsKeyAndReleasesTheOldObject) {
-  RefCountPtr<IStorable> kept = makeItem("kept", &events);
+  auto* item = new testsupport::TestItem("kept", &events);
+  RefCountPtr<IStorable> kept(item);
   {
     MemStorage store(60, 100);
     store.set(kept, 0);
+    EXPECT_EQ(item->keyCalls, 1);  // not tracing: asked for once
     store.set(makeItem("", &events), 0);
     store.set(makeItem("", &events), 0);
     EXPECT_EQ(events, Strings{"~"});
@@ -124,31 +111,16 @@ TEST_F(MemStorageTest, RecordSetRestartsTheLifetimeAndSwapsTheObject) {
   MemStorage::MemRecord record(10, makeItem("a", &events));
   FakeClock::advance(11);
   ASSERT_TRUE(record.expired());
-  record.set(5, makeItem("b"));
+  {
+    testsupport::TraceCapture trace(7, true);
+    record.set(5, makeItem("b"));
+    EXPECT_EQ(trace.texts(), withEntries("MemStorage", {"MemRecord::set"}));
+  }
   EXPECT_EQ(events, Strings{"~a"});
   EXPECT_EQ(record.getStorable()->getKey(), "b");
   FakeClock::advance(5);
   EXPECT_FALSE(record.expired());
   EXPECT_TRUE(record.expired(kT0 + 17));
-}
-
-TEST_F(MemStorageTest, RawOperationsAndIterationAreFixedStubs) {
-  MemStorage store(60, 100);
-  char buffer[4];
-  char* data = buffer;
-  unsigned len = 4;
-  bool end = false;
-  std::string key = "untouched";
-  EXPECT_TRUE(store.setRaw("r", "xy", 2, 0));
-  EXPECT_TRUE(store.setExpiration("r", 5));
-  EXPECT_FALSE(store.getRaw("r", data, len));
-  EXPECT_TRUE(data == nullptr && len == 0 && !store.isInStorage("r"));
-  data = buffer;
-  EXPECT_FALSE(store.startGetAll() || store.getNextRaw(key, data, len) ||
-               store.getNextInternal(key, data, len, end));
-  EXPECT_TRUE(key == "untouched" && data == buffer && len == 0 && !end);
-  EXPECT_TRUE(store.getNext().isNull());
-  EXPECT_EQ(store.getMaxRecordLen(), 1000000u);
 }
 
 }  // namespace
