@@ -54,80 +54,42 @@ namespace {
 
 std::string yes(bool answer) { return answer ? "true" : "false"; }
 
-// One getNextRaw call with capacity 10 on a store playing the script, under
-// the given debug settings (threshold -1: the default): what it answered,
-// the capacities getNextInternal was offered, and every trace line as
-// "topic severity text".
-TEST(GetNextRawTest, SkipsFailedRecordsHandsBackTooLongOnesAndTracesByLevel) {
+// One getNextRaw call with capacity 10 on a store playing the script: what it
+// answered, the capacities getNextInternal was offered, and every trace line
+// as "severity text" (all on topic STORAGE).
+TEST(GetNextRawTest, SkipsFailedRecordsAndHandsBackTooLongOnes) {
   const std::string label = "ScriptedStore::getNextRaw: ";
   const std::string skip = "1 [ERROR] " + label + "try #:";
   const std::string skipped = " - SKIPPING A RECORD - previous call returned success=0, len=0";
   const std::string tooSmall =
       "2 [WARNING] " + label + "given len is too small for record - should NOT happen";
-  const std::string end = "STORAGE 3 [INFO] " + label + "end of storage was reached";
-  const std::string entry = "COVERAGE 0 [TRACE] " + label + "begin";
+  const std::string end = "3 [INFO] " + label + "end of storage was reached";
   using Script = std::deque<ScriptedStore::Answer>;
-  const Script twoFailures = {{false, 0, false, ""}, {false, 0, false, ""}, {true, 3, false, "k3"}};
-  const Script failureThenEnd = {{false, 0, false, ""}};
+  const Script failures = {{false, 0, false, ""}, {false, 0, false, ""}, {true, 3, false, "k3"}};
   struct Case {
     const char* name;
     Script script;
-    int level;
-    bool coverage;
-    int threshold;
     std::string answer;
     std::vector<std::string> lines;
   };
   const Case cases[] = {
       {"two failures skipped",
-       twoFailures,
-       4,
-       false,
-       -1,
+       failures,
        "true k3 3 data, offered 10 10 10",
-       {"STORAGE " + skip + "1" + skipped, "STORAGE " + skip + "2" + skipped,
-        "STORAGE " + tooSmall}},
-      {"too long",
-       {{false, 500, false, "big"}},
-       4,
-       false,
-       -1,
-       "true  500 null, offered 10",
-       {"STORAGE " + tooSmall}},
-      {"one byte",
-       {{false, 1, false, "b"}},
-       4,
-       false,
-       -1,
-       "true  1 null, offered 10",
-       {"STORAGE " + tooSmall}},
-      {"end", {}, 4, false, -1, "false  0 null, offered 10", {end}},
-      {"end below level 4", {}, 3, false, -1, "false  0 null, offered 10", {}},
-      {"skip at level 2",
-       failureThenEnd,
-       2,
-       false,
-       -1,
+       {skip + "1" + skipped, skip + "2" + skipped, tooSmall}},
+      {"too long", {{false, 500, false, "big"}}, "true  500 null, offered 10", {tooSmall}},
+      {"one byte too long", {{false, 1, false, "b"}}, "true  1 null, offered 10", {tooSmall}},
+      {"end", {}, "false  0 null, offered 10", {end}},
+      {"failure, then the end",
+       {{false, 0, false, ""}},
        "false  0 null, offered 10 10",
-       {"STORAGE " + skip + "1" + skipped}},
-      {"skip below level 2", failureThenEnd, 1, false, -1, "false  0 null, offered 10 10", {}},
-      {"entry at level 7 with coverage",
-       {},
-       7,
-       true,
-       -1,
-       "false  0 null, offered 10",
-       {entry, end}},
-      {"no entry without coverage", {}, 7, false, -1, "false  0 null, offered 10", {end}},
-      {"no entry below level 7", {}, 6, true, -1, "false  0 null, offered 10", {end}},
-      {"sink threshold 3", {}, 7, true, 3, "false  0 null, offered 10", {}},
+       {skip + "1" + skipped, end}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     ScriptedStore store;
     store.script = c.script;
-    TraceCapture trace(c.level, c.coverage);
-    if (c.threshold >= 0) g_MsgTypeMaxThr = c.threshold;
+    TraceCapture trace(4);
     std::string key;
     char* data = nullptr;
     unsigned len = 10;
@@ -138,10 +100,11 @@ TEST(GetNextRawTest, SkipsFailedRecordsHandsBackTooLongOnesAndTracesByLevel) {
     for (unsigned capacity : store.capacitiesSeen) answer += " " + std::to_string(capacity);
     std::vector<std::string> lines;
     for (const auto& line : trace.lines()) {
-      lines.push_back(line.topic + " " + std::to_string(line.severity) + " " + line.text);
+      EXPECT_EQ(line.topic, "STORAGE");
+      lines.push_back(std::to_string(line.severity) + " " + line.text);
     }
-    EXPECT_EQ(answer, c.answer);
     EXPECT_EQ(lines, c.lines);
+    EXPECT_EQ(answer, c.answer);
   }
 }
 
