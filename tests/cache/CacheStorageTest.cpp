@@ -126,11 +126,9 @@ TEST(CacheStorageTest, AnswersBackingCallsAndTraceLinesOfEveryOperation) {
   EXPECT_TRUE(cache.get("m", nullptr).isNull());
   EXPECT_FALSE(cache.isInStorage("m"));  // a miss is not cached
   EXPECT_TRUE(cache.getRaw("k", data, len) && len == 7);
-  EXPECT_TRUE(cache.setRaw("k", "ab", 2, 9));
-  EXPECT_TRUE(cache.setExpiration("k", 4));
-  EXPECT_TRUE(cache.startGetAll());
-  EXPECT_TRUE(cache.getNextRaw(key, data, len));
-  EXPECT_TRUE(cache.getNextInternal(key, data, len, end));
+  EXPECT_TRUE(cache.setRaw("k", "ab", 2, 9) && cache.setExpiration("k", 4));
+  EXPECT_TRUE(cache.startGetAll() && cache.getNextRaw(key, data, len) &&
+              cache.getNextInternal(key, data, len, end));
   EXPECT_EQ(cache.getNext(), cached);
   cache.endGetAll();
   cache.setFactoryFunc(factory);
@@ -168,10 +166,8 @@ TEST(CacheStorageTest, AnswersBackingCallsAndTraceLinesOfEveryOperation) {
   EXPECT_TRUE(cache.set(makeItem("m"), 0));  // three records: the count gate opens
   cache.cleanup();
   EXPECT_FALSE(cache.isInStorage("n"));
-  EXPECT_TRUE(cache.del("k"));
-  EXPECT_FALSE(cache.isInStorage("k"));
-  EXPECT_TRUE(cache.delAll());
-  EXPECT_TRUE(cache.isInStorage("m"));  // the backing store's answer
+  EXPECT_TRUE(cache.del("k") && !cache.isInStorage("k"));
+  EXPECT_TRUE(cache.delAll() && cache.isInStorage("m"));  // the backing store's answer
   const std::string stale = "[WARNING] CacheStorage::get: cache expired!!!";
   // One call's lines per row.
   // clang-format off

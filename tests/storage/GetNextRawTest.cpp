@@ -17,7 +17,6 @@ class ScriptedStore : public VelLogin::AbstractStorage {
   struct Answer {
     bool result;
     unsigned len;  // the length left in len
-    bool endReached;
     std::string key;
   };
 
@@ -38,9 +37,9 @@ class ScriptedStore : public VelLogin::AbstractStorage {
 
   bool getNextInternal(std::string& key, char*& data, unsigned& len, bool& endReached) override {
     capacitiesSeen.push_back(len);
-    Answer answer = script.empty() ? Answer{true, 0, true, ""} : script.front();
-    if (!script.empty()) script.pop_front();
-    endReached = answer.endReached;
+    endReached = script.empty();  // once the script is played
+    const Answer answer = endReached ? Answer{true, 0, ""} : script.front();
+    if (!endReached) script.pop_front();
     len = answer.len;
     if (answer.result && answer.len != 0) {
       key = answer.key;
@@ -65,7 +64,7 @@ TEST(GetNextRawTest, SkipsFailedRecordsAndHandsBackTooLongOnes) {
       "2 [WARNING] " + label + "given len is too small for record - should NOT happen";
   const std::string end = "3 [INFO] " + label + "end of storage was reached";
   using Script = std::deque<ScriptedStore::Answer>;
-  const Script failures = {{false, 0, false, ""}, {false, 0, false, ""}, {true, 3, false, "k3"}};
+  const Script failures = {{false, 0, ""}, {false, 0, ""}, {true, 3, "k3"}};
   struct Case {
     const char* name;
     Script script;
@@ -77,11 +76,11 @@ TEST(GetNextRawTest, SkipsFailedRecordsAndHandsBackTooLongOnes) {
        failures,
        "true k3 3 data, offered 10 10 10",
        {skip + "1" + skipped, skip + "2" + skipped, tooSmall}},
-      {"too long", {{false, 500, false, "big"}}, "true  500 null, offered 10", {tooSmall}},
-      {"one byte too long", {{false, 1, false, "b"}}, "true  1 null, offered 10", {tooSmall}},
+      {"too long", {{false, 500, "big"}}, "true  500 null, offered 10", {tooSmall}},
+      {"one byte too long", {{false, 1, "b"}}, "true  1 null, offered 10", {tooSmall}},
       {"end", {}, "false  0 null, offered 10", {end}},
       {"failure, then the end",
-       {{false, 0, false, ""}},
+       {{false, 0, ""}},
        "false  0 null, offered 10 10",
        {skip + "1" + skipped, end}},
   };
@@ -108,10 +107,9 @@ TEST(GetNextRawTest, SkipsFailedRecordsAndHandsBackTooLongOnes) {
   }
 }
 
-TEST(GetNextRawTest, DefaultBodiesOfTheRawInterface) {
+TEST(GetNextRawTest, RecordsHaveNoLengthLimitByDefault) {
   ScriptedStore store;
   EXPECT_EQ(store.getMaxRecordLen(), 4294967295u);
-  EXPECT_FALSE(store.setExpiration("any", 10));
 }
 
 }  // namespace
