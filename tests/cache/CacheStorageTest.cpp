@@ -135,7 +135,7 @@ TEST(CacheStorageTest, AnswersBackingCallsAndTraceLinesOfEveryOperation) {
   EXPECT_EQ(cache.getMaxRecordLen(), 777u);
   EXPECT_EQ(cache.getNumElements(), 42u);
   const std::string info = "[INFO] CacheStorage::", hit = info + "get: getting from cache key=k";
-  // One call's lines per row.
+  // Grouped by call, as written.
   // clang-format off
   EXPECT_EQ(trace.texts(),
             withEntries("CacheStorage",
@@ -169,7 +169,7 @@ TEST(CacheStorageTest, AnswersBackingCallsAndTraceLinesOfEveryOperation) {
   EXPECT_TRUE(cache.del("k") && !cache.isInStorage("k"));
   EXPECT_TRUE(cache.delAll() && cache.isInStorage("m"));  // the backing store's answer
   const std::string stale = "[WARNING] CacheStorage::get: cache expired!!!";
-  // One call's lines per row.
+  // Grouped by call, as written.
   // clang-format off
   EXPECT_EQ(trace.texts(),
             withEntries("CacheStorage",

@@ -59,7 +59,7 @@ TEST_F(MemStorageTest, AnswersAndTraceLinesOfEveryOperation) {
   EXPECT_EQ(store.getMaxRecordLen(), 1000000u);
   store.cleanup();  // within the lifetime: no pass
   const std::string info = "[INFO] MemStorage::";
-  // One call's lines per row.
+  // Grouped by call, as written.
   // clang-format off
   EXPECT_EQ(trace.texts(),
             withEntries("MemStorage",
