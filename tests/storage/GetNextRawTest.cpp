@@ -17,7 +17,6 @@ class ScriptedStore : public VelLogin::AbstractStorage {
   struct Answer {
     bool result;
     unsigned len;  // the length left in len
-    bool endReached;
     std::string key;
   };
 
@@ -36,12 +35,11 @@ class ScriptedStore : public VelLogin::AbstractStorage {
   unsigned getNumElements() const override { return 0; }
   bool isInStorage(const std::string&) const override { return false; }
 
-  bool getNextInternal(std::string& key, char*& data, unsigned& len,
-                       bool& endReached) override {
+  bool getNextInternal(std::string& key, char*& data, unsigned& len, bool& endReached) override {
     capacitiesSeen.push_back(len);
-    Answer answer = script.empty() ? Answer{true, 0, true, ""} : script.front();
-    if (!script.empty()) script.pop_front();
-    endReached = answer.endReached;
+    endReached = script.empty();  // once the script is played
+    const Answer answer = endReached ? Answer{true, 0, ""} : script.front();
+    if (!endReached) script.pop_front();
     len = answer.len;
     if (answer.result && answer.len != 0) {
       key = answer.key;
@@ -53,133 +51,65 @@ class ScriptedStore : public VelLogin::AbstractStorage {
 
 namespace {
 
-const char kTry1[] =
-    "[ERROR] ScriptedStore::getNextRaw: try #:1 - SKIPPING A RECORD - previous call "
-    "returned success=0, len=0";
-const char kTry2[] =
-    "[ERROR] ScriptedStore::getNextRaw: try #:2 - SKIPPING A RECORD - previous call "
-    "returned success=0, len=0";
-const char kTooSmall[] =
-    "[WARNING] ScriptedStore::getNextRaw: given len is too small for record - should NOT "
-    "happen";
-const char kEnd[] = "[INFO] ScriptedStore::getNextRaw: end of storage was reached";
+std::string yes(bool answer) { return answer ? "true" : "false"; }
 
-struct Call {
-  bool result;
-  std::string key;
-  char* data = nullptr;
-  unsigned len;
-  ~Call() { delete[] data; }
-};
-
-TEST(GetNextRawTest, SkipsRecordsThatFailWithNoLengthAndDeliversTheNext) {
-  ScriptedStore store;
-  store.script = {{false, 0, false, ""}, {false, 0, false, ""}, {true, 3, false, "third"}};
-  TraceCapture trace(4);
-  Call call{false, "", nullptr, 100};
-  call.result = store.getNextRaw(call.key, call.data, call.len);
-
-  EXPECT_TRUE(call.result);
-  EXPECT_EQ(call.key, "third");
-  EXPECT_EQ(call.len, 3u);
-  EXPECT_NE(call.data, nullptr);
-  EXPECT_EQ(store.capacitiesSeen, (std::vector<unsigned>{100, 100, 100}));
-  // A record that was read has a length, so the "too small" line follows it.
-  EXPECT_EQ(trace.messages(), (std::vector<std::string>{kTry1, kTry2, kTooSmall}));
-  EXPECT_EQ(trace.lines()[0].severity, 1);
-  EXPECT_EQ(trace.lines()[2].severity, 2);
-}
-
-TEST(GetNextRawTest, RecordTooLongForTheCapacityIsHandedBackWithItsLength) {
-  ScriptedStore store;
-  store.script = {{false, 500, false, "big"}};
-  TraceCapture trace(4);
-  Call call{false, "", nullptr, 100};
-  call.result = store.getNextRaw(call.key, call.data, call.len);
-
-  EXPECT_TRUE(call.result);
-  EXPECT_EQ(call.len, 500u);
-  EXPECT_EQ(call.data, nullptr);
-  EXPECT_EQ(store.capacitiesSeen.size(), 1u);
-  EXPECT_EQ(trace.messages(), (std::vector<std::string>{kTooSmall}));
-}
-
-TEST(GetNextRawTest, EndOfIterationReturnsFalseAndIsTracedAtLevelFour) {
-  ScriptedStore store;
-  {
+// One getNextRaw call with capacity 10 on a store playing the script: what it
+// answered, the capacities getNextInternal was offered, and every trace line
+// as "severity text" (all on topic STORAGE).
+TEST(GetNextRawTest, SkipsFailedRecordsAndHandsBackTooLongOnes) {
+  const std::string label = "ScriptedStore::getNextRaw: ";
+  const std::string skip = "1 [ERROR] " + label + "try #:";
+  const std::string skipped = " - SKIPPING A RECORD - previous call returned success=0, len=0";
+  const std::string tooSmall =
+      "2 [WARNING] " + label + "given len is too small for record - should NOT happen";
+  const std::string end = "3 [INFO] " + label + "end of storage was reached";
+  using Script = std::deque<ScriptedStore::Answer>;
+  const Script failures = {{false, 0, ""}, {false, 0, ""}, {true, 3, "k3"}};
+  struct Case {
+    const char* name;
+    Script script;
+    std::string answer;
+    std::vector<std::string> lines;
+  };
+  const Case cases[] = {
+      {"two failures skipped",
+       failures,
+       "true k3 3 data, offered 10 10 10",
+       {skip + "1" + skipped, skip + "2" + skipped, tooSmall}},
+      {"too long", {{false, 500, "big"}}, "true  500 null, offered 10", {tooSmall}},
+      {"one byte too long", {{false, 1, "b"}}, "true  1 null, offered 10", {tooSmall}},
+      {"end", {}, "false  0 null, offered 10", {end}},
+      {"failure, then the end",
+       {{false, 0, ""}},
+       "false  0 null, offered 10 10",
+       {skip + "1" + skipped, end}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScriptedStore store;
+    store.script = c.script;
     TraceCapture trace(4);
-    Call call{false, "", nullptr, 100};
-    call.result = store.getNextRaw(call.key, call.data, call.len);
-    EXPECT_FALSE(call.result);
-    EXPECT_EQ(call.len, 0u);
-    EXPECT_EQ(trace.messages(), (std::vector<std::string>{kEnd}));
-    EXPECT_EQ(trace.lines()[0].topic, "STORAGE");
-    EXPECT_EQ(trace.lines()[0].severity, 3);
-  }
-  {
-    TraceCapture trace(3);
-    Call call{false, "", nullptr, 100};
-    EXPECT_FALSE(store.getNextRaw(call.key, call.data, call.len));
-    EXPECT_TRUE(trace.lines().empty());
-  }
-}
-
-TEST(GetNextRawTest, SeverityGatesFollowTheDebugLevel) {
-  ScriptedStore store;
-  {
-    TraceCapture trace(1);  // severity 1 needs level 2
-    store.script = {{false, 0, false, ""}, {true, 0, true, ""}};
-    Call call{false, "", nullptr, 10};
-    EXPECT_FALSE(store.getNextRaw(call.key, call.data, call.len));
-    EXPECT_TRUE(trace.lines().empty());
-  }
-  {
-    TraceCapture trace(2);
-    store.script = {{false, 0, false, ""}, {true, 0, true, ""}};
-    Call call{false, "", nullptr, 10};
-    EXPECT_FALSE(store.getNextRaw(call.key, call.data, call.len));
-    EXPECT_EQ(trace.messages(), (std::vector<std::string>{kTry1}));
+    std::string key;
+    char* data = nullptr;
+    unsigned len = 10;
+    std::string answer = yes(store.getNextRaw(key, data, len));
+    answer += " " + key + " " + std::to_string(len) + (data != nullptr ? " data" : " null");
+    delete[] data;
+    answer += ", offered";
+    for (unsigned capacity : store.capacitiesSeen) answer += " " + std::to_string(capacity);
+    std::vector<std::string> lines;
+    for (const auto& line : trace.lines()) {
+      EXPECT_EQ(line.topic, "STORAGE");
+      lines.push_back(std::to_string(line.severity) + " " + line.text);
+    }
+    EXPECT_EQ(lines, c.lines);
+    EXPECT_EQ(answer, c.answer);
   }
 }
 
-TEST(GetNextRawTest, EntryLineNeedsCoverageLevelSevenAndTheSinkThreshold) {
-  ScriptedStore store;
-  const std::string entry = "[TRACE] ScriptedStore::getNextRaw: begin";
-  {
-    TraceCapture trace(6, true);
-    Call call{false, "", nullptr, 10};
-    store.getNextRaw(call.key, call.data, call.len);
-    for (const auto& line : trace.lines()) EXPECT_NE(line.topic, "COVERAGE");
-  }
-  {
-    TraceCapture trace(7, true);
-    Call call{false, "", nullptr, 10};
-    store.getNextRaw(call.key, call.data, call.len);
-    ASSERT_FALSE(trace.lines().empty());
-    EXPECT_EQ(trace.lines()[0].text, entry);
-    EXPECT_EQ(trace.lines()[0].topic, "COVERAGE");
-    EXPECT_EQ(trace.lines()[0].severity, 0);
-  }
-  {
-    TraceCapture trace(7, false);
-    Call call{false, "", nullptr, 10};
-    store.getNextRaw(call.key, call.data, call.len);
-    EXPECT_EQ(trace.texts(), (std::vector<std::string>{kEnd}));
-  }
-  {
-    TraceCapture trace(7, true);
-    g_MsgTypeMaxThr = 3;
-    Call call{false, "", nullptr, 10};
-    store.getNextRaw(call.key, call.data, call.len);
-    EXPECT_TRUE(trace.lines().empty());
-  }
-}
-
-TEST(GetNextRawTest, DefaultBodiesOfTheRawInterface) {
+TEST(GetNextRawTest, RecordsHaveNoLengthLimitByDefault) {
   ScriptedStore store;
   EXPECT_EQ(store.getMaxRecordLen(), 4294967295u);
-  EXPECT_FALSE(store.setExpiration("any", 10));
-  EXPECT_FALSE(store.setExpiration("", 0));
 }
 
 }  // namespace
