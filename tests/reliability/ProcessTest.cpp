@@ -21,12 +21,17 @@
 
 #include "LoginStorage/LoginStorage.h"
 #include "reliability/Reliability.h"
+#include "platform/TemporaryFileName.h"
+#include "support/Records.h"
 #include "support/TempFolder.h"
 
 using reliability::image;
 using reliability::isImage;
 using reliability::Random;
+using testsupport::drain;
 using testsupport::listFolder;
+using testsupport::readRecord;
+using testsupport::writeRecord;
 using testsupport::TempFolder;
 using VelLogin::FileSystemStorage;
 
@@ -35,38 +40,12 @@ namespace {
 const std::vector<std::string> kKeys{"k0", "k1", "k2", "k3", "k4", "k5", "k6", "k7"};
 
 bool write(FileSystemStorage& store, const std::string& key, uint32_t gen) {
-  const std::string bytes = image(key, gen);
-  return store.setRaw(key, bytes.data(), static_cast<unsigned>(bytes.size()), 0);
+  return writeRecord(store, key, image(key, gen));
 }
 
-bool isTemporary(const std::string& name) { return name.rfind(".lstmp-", 0) == 0; }
-
-// The record's bytes, or "<false>" when getRaw fails.
-std::string read(FileSystemStorage& store, const std::string& key) {
-  char* data = nullptr;
-  unsigned len = store.getMaxRecordLen();
-  if (!store.getRaw(key, data, len)) return "<false>";
-  std::string bytes(data, len);
-  delete[] data;
-  return bytes;
-}
-
-// Iterates the folder: key to bytes of every record delivered.
-std::multimap<std::string, std::string> listRecords(FileSystemStorage& store) {
-  std::multimap<std::string, std::string> records;
-  if (!store.startGetAll()) return records;
-  std::string key;
-  char* data = nullptr;
-  unsigned len = store.getMaxRecordLen();
-  while (store.getNextRaw(key, data, len)) {
-    if (len <= store.getMaxRecordLen() && data != nullptr)
-      records.emplace(key, std::string(data, len));
-    delete[] data;
-    data = nullptr;
-    len = store.getMaxRecordLen();
-  }
-  store.endGetAll();
-  return records;
+bool isTemporary(const std::string& name) {
+  unsigned long long pid = 0;
+  return VelLogin::temporary_file_name::parse(name.c_str(), &pid);
 }
 
 TEST(CrashTest, KilledWriterLeavesEachRecordOldOrNewAndNoTemporaryRecord) {
@@ -109,7 +88,7 @@ TEST(CrashTest, KilledWriterLeavesEachRecordOldOrNewAndNoTemporaryRecord) {
 
     FileSystemStorage store(tmp.path(), 0, false, false, 0);
     for (const std::string& key : kKeys) {
-      const std::string bytes = read(store, key);
+      const std::string bytes = readRecord(store, key);
       uint32_t gen = 0;
       ASSERT_TRUE(isImage(key, bytes, &gen))
           << "kill " << kill << ": '" << key << "' holds " << bytes.size() << " other bytes";
@@ -119,7 +98,7 @@ TEST(CrashTest, KilledWriterLeavesEachRecordOldOrNewAndNoTemporaryRecord) {
     }
     for (const std::string& name : listFolder(tmp.path())) leftovers += isTemporary(name);
     std::set<std::string> listed;
-    for (const auto& record : listRecords(store)) listed.insert(record.first);
+    for (const auto& record : drain(store)) listed.insert(record.first);
     ASSERT_EQ(listed, std::set<std::string>(kKeys.begin(), kKeys.end())) << "kill " << kill;
     // The iteration took away what the killed writer left.
     const std::vector<std::string> names = listFolder(tmp.path());
@@ -157,7 +136,7 @@ ReaderCounts readUntilStopped(const std::string& folder, int stop, uint64_t seed
       if (::read(stop, &byte, 1) == 0) break;  // closed: the writers are done
     }
     if (round % 16 == 15) {
-      for (const auto& record : listRecords(store)) {
+      for (const auto& record : drain(store)) {
         ++counts.iterated;
         if (!isImage(record.first, record.second, nullptr)) {
           bad("iteration gave '" + record.first + "' with " + std::to_string(record.second.size()) +
@@ -167,7 +146,7 @@ ReaderCounts readUntilStopped(const std::string& folder, int stop, uint64_t seed
     } else {
       const std::string& key = kKeys[random.below(static_cast<unsigned>(kKeys.size()))];
       ++counts.reads;
-      const std::string bytes = read(store, key);
+      const std::string bytes = readRecord(store, key);
       if (!isImage(key, bytes, nullptr)) {
         bad("'" + key + "' read as " + std::to_string(bytes.size()) + " other bytes");
       }
