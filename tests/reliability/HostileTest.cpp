@@ -50,7 +50,8 @@ namespace {
 
 // A trace line of the folder store at folder (given without its "/").
 std::string folderLine(const char* method, const std::string& folder, const std::string& text) {
-  return "[ERROR] FileSystemStorage::" + std::string(method) + ": folder <" + folder + "/>: " + text;
+  return "[ERROR] FileSystemStorage::" + std::string(method) + ": folder <" + folder +
+         "/>: " + text;
 }
 std::string writeFailure(const std::string& key, size_t size) {
   return "[ERROR] FileSystemStorage::setRaw: VelLogin::writeFile failed to write data with len " +
@@ -184,7 +185,8 @@ const FolderStack kFolderStacks[] = {
     {"CacheStorage over that", [](AbstractObjectStorage* s) { return new CacheStorage(s, 60, 0); }},
 };
 
-std::unique_ptr<AbstractObjectStorage> makeStack(const FolderStack& stack, const std::string& path) {
+std::unique_ptr<AbstractObjectStorage> makeStack(const FolderStack& stack,
+                                                 const std::string& path) {
   return std::unique_ptr<AbstractObjectStorage>(stack.wrap(
       new ObjectStorage(new FileSystemStorage(path, 0, false, false, 0), &Item::fromBytes)));
 }
@@ -308,9 +310,20 @@ TEST_F(HostileInputTest, DelAllRemovesWhatItCanAndReportsWhatItCouldNot) {
     return std::unique_ptr<Immutable>();
   };
   const Row rows[] = {
-      {"an empty folder", [](const std::string&, const std::string&) { return nullptr; }, true, {},
-       {}, {}, "SUCCESS in deleting all content"},
-      {"records", records, true, {}, {"...", ".hidden", "a"}, {}, "SUCCESS in deleting all content"},
+      {"an empty folder",
+       [](const std::string&, const std::string&) { return nullptr; },
+       true,
+       {},
+       {},
+       {},
+       "SUCCESS in deleting all content"},
+      {"records",
+       records,
+       true,
+       {},
+       {"...", ".hidden", "a"},
+       {},
+       "SUCCESS in deleting all content"},
       {"entries of every kind",
        [&records](const std::string& folder, const std::string& other) {
          records(folder, other);
@@ -324,21 +337,31 @@ TEST_F(HostileInputTest, DelAllRemovesWhatItCanAndReportsWhatItCouldNot) {
          EXPECT_EQ(::symlink((other + "/gone").c_str(), (folder + "/dangling").c_str()), 0);
          return std::unique_ptr<Immutable>();
        },
-       false, {"sub"}, {"...", ".hidden", "a", "dangling", "dirlink", "fifo", "outlink", "sock"},
-       {"sub"}, "FAILURE in deleting all content"},
+       false,
+       {"sub"},
+       {"...", ".hidden", "a", "dangling", "dirlink", "fifo", "outlink", "sock"},
+       {"sub"},
+       "FAILURE in deleting all content"},
       {"an immutable folder",
        [&records](const std::string& folder, const std::string& other) {
          records(folder, other);
          return std::unique_ptr<Immutable>(new Immutable(folder));
        },
-       false, {"...", ".hidden", "a"}, {}, {"...", ".hidden", "a"},
+       false,
+       {"...", ".hidden", "a"},
+       {},
+       {"...", ".hidden", "a"},
        "FAILURE in deleting all content"},
       {"a removed folder",
        [](const std::string& folder, const std::string&) {
          EXPECT_EQ(::rmdir(folder.c_str()), 0);
          return std::unique_ptr<Immutable>();
        },
-       false, {}, {}, {}, "FsDirOpen failed"},
+       false,
+       {},
+       {},
+       {},
+       "FsDirOpen failed"},
   };
   for (const Row& row : rows) {
     for (const FolderStack& stack : kFolderStacks) {

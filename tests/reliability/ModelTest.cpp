@@ -38,10 +38,30 @@ namespace {
 
 constexpr long kStart = 1000000000;
 
-enum Kind { Set, SetNull, Get, Del, DelAll, Cleanup, BackingCleanup, Iterate, Release, Reset, Tick };
-const char* const kKindNames[] = {"set",     "set null", "get",     "del",           "delAll",
-                                  "cleanup", "backing cleanup", "iterate", "drop kept object",
-                                  "resetCounters", "clock +"};
+enum Kind {
+  Set,
+  SetNull,
+  Get,
+  Del,
+  DelAll,
+  Cleanup,
+  BackingCleanup,
+  Iterate,
+  Release,
+  Reset,
+  Tick
+};
+const char* const kKindNames[] = {"set",
+                                  "set null",
+                                  "get",
+                                  "del",
+                                  "delAll",
+                                  "cleanup",
+                                  "backing cleanup",
+                                  "iterate",
+                                  "drop kept object",
+                                  "resetCounters",
+                                  "clock +"};
 
 struct Step {
   Kind kind;
@@ -63,13 +83,8 @@ long saturatingAdd(long base, long seconds) {
   return sum;
 }
 
-// A read's expected result: one known object, or a new one (serial 0) rebuilt
-// with the payload.
-struct Expected {
-  uint64_t serial;
-  uint32_t payload;
-};
-
+// A stored record; as a read's expected result, serial 0 means a new object
+// rebuilt with the payload.
 struct Record {
   long expiry;
   uint64_t serial;
@@ -80,8 +95,14 @@ std::vector<uint64_t> fields(const MemStorage::Counters& c) {
   return {c.hits, c.misses, c.expiredOnRead, c.sweeps, c.recordsSwept};
 }
 std::vector<uint64_t> fields(const CacheStorage::Counters& c) {
-  return {c.hits,  c.misses, c.staleHits, c.backingReads, c.backingReadFailures,
-          c.writeThroughsRefused, c.sweeps, c.recordsSwept};
+  return {c.hits,
+          c.misses,
+          c.staleHits,
+          c.backingReads,
+          c.backingReadFailures,
+          c.writeThroughsRefused,
+          c.sweeps,
+          c.recordsSwept};
 }
 
 std::string counterDiff(const char* who, const std::vector<uint64_t>& got,
@@ -131,7 +152,7 @@ struct ExpiringTable {
 // expired records until then.
 struct MemModel : ExpiringTable<MemStorage::Counters> {
   using ExpiringTable::ExpiringTable;
-  std::optional<Expected> get(const std::string& key, long now) {
+  std::optional<Record> get(const std::string& key, long now) {
     auto it = records.find(key);
     if (it == records.end()) {
       ++counters.misses;
@@ -143,7 +164,7 @@ struct MemModel : ExpiringTable<MemStorage::Counters> {
       return std::nullopt;
     }
     ++counters.hits;
-    return Expected{it->second.serial, it->second.payload};
+    return it->second;
   }
   bool set(const std::string& key, uint64_t serial, uint32_t payload, long now) {
     put(key, serial, payload, now);
@@ -167,9 +188,9 @@ struct MemModel : ExpiringTable<MemStorage::Counters> {
 // name or for an object that cannot make its image.
 struct DiskModel {
   std::map<std::string, uint32_t> files;
-  std::optional<Expected> get(const std::string& key, long) const {
+  std::optional<Record> get(const std::string& key, long) const {
     auto it = files.find(key);
-    return it == files.end() ? std::nullopt : std::optional<Expected>(Expected{0, it->second});
+    return it == files.end() ? std::nullopt : std::optional<Record>(Record{0, 0, it->second});
   }
   bool set(const std::string& key, uint64_t, uint32_t payload, long) {
     if (!FileSystemStorage::isPlainKey(key) || payload == 0) return false;
@@ -195,16 +216,16 @@ struct CacheModel : ExpiringTable<CacheStorage::Counters> {
   CacheModel(long lifetimeArg, unsigned thresholdArg, Backing backingArg)
       : ExpiringTable(lifetimeArg, thresholdArg), backing(std::move(backingArg)) {}
 
-  std::optional<Expected> get(const std::string& key, long now) {
+  std::optional<Record> get(const std::string& key, long now) {
     cleanup(now);
     auto it = records.find(key);
     if (it != records.end() && !(now > it->second.expiry)) {
       ++counters.hits;
-      return Expected{it->second.serial, it->second.payload};
+      return it->second;
     }
     ++(it != records.end() ? counters.staleHits : counters.misses);
     ++counters.backingReads;
-    std::optional<Expected> result = backing.get(key, now);
+    std::optional<Record> result = backing.get(key, now);
     if (result) put(key, result->serial, result->payload, now);
     counters.backingReadFailures += !result;
     return result;
@@ -234,17 +255,9 @@ struct CacheModel : ExpiringTable<CacheStorage::Counters> {
   unsigned count() const { return backing.count(); }
 };
 
-std::string describe(const Ptr& ptr) {
-  return ptr ? "#" + std::to_string(Item::of(ptr)->serial()) + " payload " +
-                   std::to_string(Item::of(ptr)->payload())
-             : "null";
-}
-
-std::string describe(const std::optional<Expected>& expected) {
-  if (!expected) return "null";
-  return (expected->serial == 0 ? std::string("a new object")
-                                : "#" + std::to_string(expected->serial)) +
-         " payload " + std::to_string(expected->payload);
+std::string describe(uint64_t serial, uint32_t payload) {
+  return (serial == 0 ? std::string("a new object") : "#" + std::to_string(serial)) + " payload " +
+         std::to_string(payload);
 }
 
 // One store under test with its model. step() applies a step to both and
@@ -276,15 +289,20 @@ class Target {
         if (store.set(Ptr(), 0)) diff << "set of a null object returned true";
         break;
       case Get: {
-        const uint64_t madeBefore = Item::made();
-        const std::optional<Expected> expected = model.get(key, now);
+        const uint64_t madeBefore = Item::made;
+        const std::optional<Record> expected = model.get(key, now);
         const Ptr got = store.get(key, nullptr);
         const bool same =
             expected ? got && Item::of(got)->payload() == expected->payload &&
                            (expected->serial != 0 ? Item::of(got)->serial() == expected->serial
                                                   : Item::of(got)->serial() > madeBefore)
                      : !got;
-        if (!same) diff << "get returned " << describe(got) << ", expected " << describe(expected);
+        if (!same) {
+          diff << "get returned "
+               << (got ? describe(Item::of(got)->serial(), Item::of(got)->payload()) : "null")
+               << ", expected "
+               << (expected ? describe(expected->serial, expected->payload) : "null");
+        }
         if (same && expected && expected->serial == 0) {
           model.records[key].serial = Item::of(got)->serial();
         }
@@ -310,7 +328,8 @@ class Target {
         model.counters = {};
         break;
       case Release:
-        if (!m_kept.empty()) m_kept.erase(m_kept.begin() + static_cast<long>(s.key % m_kept.size()));
+        if (!m_kept.empty())
+          m_kept.erase(m_kept.begin() + static_cast<long>(s.key % m_kept.size()));
         break;
       case Tick:
         FakeClock::advance(static_cast<long>(s.value));
@@ -319,8 +338,8 @@ class Target {
         break;  // the targets with a backing store or an iteration handle the rest
     }
     if (!diff.str().empty()) return diff.str();
-    const std::string counters = counterDiff("the store's", fields(store.counters()),
-                                             fields(model.counters));
+    const std::string counters =
+        counterDiff("the store's", fields(store.counters()), fields(model.counters));
     if (!counters.empty()) return counters;
     if (store.getNumElements() != model.count()) {
       diff << "getNumElements " << store.getNumElements() << ", expected " << model.count() << "; ";
@@ -337,8 +356,8 @@ class Target {
     model.addSerials(held);
     addBackingSerials(held);
     for (const Ptr& object : m_kept) held.insert(Item::of(object)->serial());
-    if (Item::live() == static_cast<long>(held.size())) return "";
-    return "live objects " + std::to_string(Item::live()) + ", the stores and the caller hold " +
+    if (Item::live == static_cast<long>(held.size())) return "";
+    return "live objects " + std::to_string(Item::live) + ", the stores and the caller hold " +
            std::to_string(held.size());
   }
   virtual void addBackingSerials(std::set<uint64_t>&) const {}
@@ -350,7 +369,8 @@ const std::vector<std::string> kMemKeys{"a", "b", "c", "d", "e", ""};
 
 class MemTarget : public Target {
  public:
-  explicit MemTarget(const Config& c) : m_store(c.lifetime, c.threshold), m_model(c.lifetime, c.threshold) {}
+  explicit MemTarget(const Config& c)
+      : m_store(c.lifetime, c.threshold), m_model(c.lifetime, c.threshold) {}
   const std::vector<std::string>& keys() const override { return kMemKeys; }
   std::string step(const Step& s) override { return commonStep(m_store, m_model, s); }
 
@@ -378,7 +398,9 @@ class CachedMemTarget : public Target {
   }
 
  private:
-  void addBackingSerials(std::set<uint64_t>& held) const override { m_model.backing.addSerials(held); }
+  void addBackingSerials(std::set<uint64_t>& held) const override {
+    m_model.backing.addSerials(held);
+  }
 
   MemStorage* m_backing;  // owned by m_store
   CacheStorage m_store;
@@ -474,25 +496,6 @@ size_t replay(const Factory& make, const Config& config, const std::vector<Step>
   return steps.size();
 }
 
-// Removes ever smaller runs of steps while the sequence still fails.
-std::vector<Step> shrink(const Factory& make, const Config& config, std::vector<Step> steps) {
-  unsigned budget = 3000;
-  for (size_t chunk = steps.size() / 2; chunk >= 1 && budget > 0; chunk /= 2) {
-    for (size_t at = 0; at + chunk <= steps.size() && budget > 0; --budget) {
-      std::vector<Step> candidate(steps.begin(), steps.begin() + static_cast<long>(at));
-      candidate.insert(candidate.end(), steps.begin() + static_cast<long>(at + chunk), steps.end());
-      const size_t failed = replay(make, config, candidate, nullptr);
-      if (failed < candidate.size()) {
-        candidate.resize(failed + 1);
-        steps = candidate;
-      } else {
-        at += chunk;
-      }
-    }
-  }
-  return steps;
-}
-
 // Runs random sequences of random length until total steps were checked.
 void explore(const char* name, uint64_t seed, unsigned total, bool iterates, const Factory& make) {
   Random random(seed);
@@ -507,18 +510,15 @@ void explore(const char* name, uint64_t seed, unsigned total, bool iterates, con
     checked += failed < steps.size() ? failed + 1 : steps.size();
     ++runs;
     if (failed < steps.size()) {
-      steps.resize(failed + 1);
-      const std::vector<Step> shortest = shrink(make, config, steps);
-      replay(make, config, shortest, &why);
       std::ostringstream report;
       report << name << " differs from its model (LOGINSTORAGE_SEED=" << seed << " replays it; run "
              << runs << "): " << why << "\nstore lifetime " << config.lifetime << " threshold "
-             << config.threshold << ", backing lifetime " << config.backingLifetime
-             << " threshold " << config.backingThreshold << "\nshortest failing sequence:\n";
+             << config.threshold << ", backing lifetime " << config.backingLifetime << " threshold "
+             << config.backingThreshold << "\nsteps (kind, key, value):\n";
       const std::vector<std::string> keys = make(config)->keys();
-      for (const Step& s : shortest) {
-        report << "  " << kKindNames[s.kind] << " '" << keys[s.key % keys.size()] << "' "
-               << s.value << "\n";
+      for (size_t i = 0; i <= failed; ++i) {
+        report << " " << kKindNames[steps[i].kind] << " '" << keys[steps[i].key % keys.size()]
+               << "' " << steps[i].value << ";";
       }
       ADD_FAILURE() << report.str();
       break;
@@ -532,7 +532,7 @@ class ModelTest : public ::testing::Test {
  protected:
   void TearDown() override {
     FakeClock::useRealTime();
-    EXPECT_EQ(Item::live(), 0) << "objects outlived every store and caller";
+    EXPECT_EQ(Item::live, 0) << "objects outlived every store and caller";
   }
 };
 

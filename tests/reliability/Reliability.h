@@ -48,24 +48,32 @@ bool isImage(const std::string& key, const std::string& content, uint32_t* gen);
 // A storable with a key, a payload number and a serial number of its own
 // that tells objects apart. Its byte image is the key's length, the key and
 // the payload; fromBytes() rebuilds a new object (a new serial) from it.
+// toString() is "key=payload".
 class Item : public VelLogin::IStorable {
  public:
-  Item(std::string key, uint32_t payload);
-  ~Item() override;
+  Item(std::string key, uint32_t payload)
+      : m_key(std::move(key)), m_payload(payload), m_serial(++made) {
+    ++live;
+  }
+  ~Item() override { --live; }
   std::string getKey() const override { return m_key; }
   // Refuses (false) for payload 0, so that tests can make a write fail.
   bool serialize(char*& data, unsigned& len) override;
-  std::string toString() const override;
+  std::string toString() const override { return m_key + "=" + std::to_string(m_payload); }
 
   uint32_t payload() const { return m_payload; }
   uint64_t serial() const { return m_serial; }
 
-  static VelLogin::RefCountPtr<VelLogin::IStorable> make(const std::string& key, uint32_t payload);
+  static VelLogin::RefCountPtr<VelLogin::IStorable> make(const std::string& key, uint32_t payload) {
+    return VelLogin::RefCountPtr<VelLogin::IStorable>(new Item(key, payload));
+  }
   static VelLogin::RefCountPtr<VelLogin::IStorable> fromBytes(const char* data, unsigned len);
-  static const Item* of(const VelLogin::RefCountPtr<VelLogin::IStorable>& ptr);
+  static const Item* of(const VelLogin::RefCountPtr<VelLogin::IStorable>& ptr) {
+    return static_cast<const Item*>(ptr.get());
+  }
   // Items alive now, and made so far.
-  static long live();
-  static uint64_t made();
+  static inline long live = 0;
+  static inline uint64_t made = 0;
 
  private:
   std::string m_key;
