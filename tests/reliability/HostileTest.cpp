@@ -19,7 +19,9 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
+#include <iterator>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -58,30 +60,39 @@ std::string writeFailure(const std::string& key, size_t size) {
          std::to_string(size) + " to file: " + key;
 }
 
-// Sets a file's or folder's immutable flag for the object's lifetime. Even
-// root can then neither write nor rename into, nor remove from, it.
-class Immutable {
- public:
-  explicit Immutable(const std::string& path) : m_path(path), m_set(change(true)) {}
-  ~Immutable() {
-    if (m_set) change(false);
-  }
-  bool isSet() const { return m_set; }
+// Sets or clears the immutable flag of a file or folder: even root can then
+// neither write nor rename into, nor remove from, it. False when this file
+// system has no such flag.
+bool setImmutable(const std::string& path, bool on) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return false;
+  int flags = 0;
+  bool done = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
+  flags = on ? flags | FS_IMMUTABLE_FL : flags & ~FS_IMMUTABLE_FL;
+  done = done && ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
+  ::close(fd);
+  return done;
+}
 
- private:
-  bool change(bool on) {
-    const int fd = ::open(m_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) return false;
-    int flags = 0;
-    bool done = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-    flags = on ? flags | FS_IMMUTABLE_FL : flags & ~FS_IMMUTABLE_FL;
-    done = done && ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-    ::close(fd);
-    return done;
-  }
-  std::string m_path;
-  bool m_set;
+// Runs its action when the last copy goes; a null one means nothing was done.
+struct UndoAction {
+  std::function<void()> action;
+  ~UndoAction() { action(); }
 };
+using Undo = std::shared_ptr<UndoAction>;
+Undo undo(std::function<void()> action) { return Undo(new UndoAction{std::move(action)}); }
+
+// Makes path immutable until the result goes; null when it cannot.
+Undo immutable(const std::string& path) {
+  if (!setImmutable(path, true)) return nullptr;
+  return undo([path] { setImmutable(path, false); });
+}
+
+// The words of text, split at spaces.
+Lines words(const std::string& text) {
+  std::istringstream in(text);
+  return Lines(std::istream_iterator<std::string>(in), std::istream_iterator<std::string>());
+}
 
 void makeSocket(const std::string& path) {
   const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
@@ -94,75 +105,75 @@ void makeSocket(const std::string& path) {
   ::close(fd);
 }
 
-class FailingDiskTest : public ::testing::Test {
- protected:
-  TempFolder tmp;
-  FileSystemStorage store{tmp.path(), 0, false, false, 0};
-  const std::string old = std::string(100, 'o');
-  const std::string big = std::string(10000, 'n');
-};
-
-TEST_F(FailingDiskTest, WriteOverTheFileSizeLimitFailsAndKeepsTheOldRecord) {
-  ASSERT_TRUE(writeRecord(store, "rec", old));
-  {
-    // SIGXFSZ ignored: an oversized write fails instead of killing.
-    const auto previousHandler = ::signal(SIGXFSZ, SIG_IGN);
-    rlimit previous;
-    ::getrlimit(RLIMIT_FSIZE, &previous);
-    rlimit limit = previous;
-    limit.rlim_cur = 4096;
-    ::setrlimit(RLIMIT_FSIZE, &limit);
-    TraceCapture trace(2);
-    EXPECT_FALSE(writeRecord(store, "rec", big));
-    EXPECT_FALSE(writeRecord(store, "new", big));
-    EXPECT_TRUE(writeRecord(store, "fits", std::string(4096, 'f'))) << "up to the limit is fine";
-    ::setrlimit(RLIMIT_FSIZE, &previous);
-    ::signal(SIGXFSZ, previousHandler);
-    EXPECT_EQ(trace.messages(), (Lines{writeFailure("rec", 10000), writeFailure("new", 10000)}));
+// Writes that a failing disk refuses leave the old record and no part of
+// the new one, each with its line; others go on.
+TEST(FailingDiskTest, RefusedWritesKeepTheOldRecordAndLeaveNoTrace) {
+  const std::string old(100, 'o');
+  const std::string big(10000, 'n');
+  struct Row {
+    const char* what;
+    std::function<Undo(const std::string& folder)> arrange;
+    std::vector<std::pair<const char*, bool>> writes;  // keys written big, and the result
+    const char* rec;                                   // what "rec" reads afterwards
+    Lines left;                                        // the folder's files afterwards
+  };
+  const Row rows[] = {
+      {"a file-size limit",
+       [](const std::string&) {
+         // SIGXFSZ ignored: an oversized write fails instead of killing.
+         const auto handler = ::signal(SIGXFSZ, SIG_IGN);
+         rlimit previous;
+         ::getrlimit(RLIMIT_FSIZE, &previous);
+         rlimit limit = previous;
+         limit.rlim_cur = 4096;
+         ::setrlimit(RLIMIT_FSIZE, &limit);
+         return undo([previous, handler] {
+           ::setrlimit(RLIMIT_FSIZE, &previous);
+           ::signal(SIGXFSZ, handler);
+         });
+       },
+       {{"rec", false}, {"new", false}},
+       "old",
+       {"rec"}},
+      {"an immutable folder",
+       [](const std::string& folder) { return immutable(folder); },
+       {{"rec", false}, {"new", false}},
+       "old",
+       {"rec"}},
+      {"an immutable record",
+       [](const std::string& folder) { return immutable(folder + "/rec"); },
+       {{"rec", false}, {"new", true}},
+       "old",
+       {"new", "rec"}},
+      {"a removed folder",
+       [](const std::string& folder) {
+         EXPECT_EQ(::unlink((folder + "/rec").c_str()), 0);
+         EXPECT_EQ(::rmdir(folder.c_str()), 0);
+         return undo([] {});
+       },
+       {{"rec", false}},
+       "missing",
+       {}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    TempFolder tmp;
+    FileSystemStorage store(tmp.path(), 0, false, false, 0);
+    ASSERT_TRUE(writeRecord(store, "rec", old));
+    Lines expected;
+    {
+      const Undo change = row.arrange(tmp.path());
+      if (!change) GTEST_SKIP() << "no immutable flag here: " << std::strerror(errno);
+      TraceCapture trace(2);
+      for (const auto& write : row.writes) {
+        EXPECT_EQ(writeRecord(store, write.first, big), write.second) << write.first;
+        if (!write.second) expected.push_back(writeFailure(write.first, big.size()));
+      }
+      EXPECT_EQ(trace.messages(), expected);
+    }
+    EXPECT_EQ(readRecord(store, "rec"), row.rec == std::string("old") ? old : row.rec);
+    EXPECT_EQ(listFolder(tmp.path()), row.left);
   }
-  EXPECT_EQ(readRecord(store, "rec"), old);
-  EXPECT_EQ(listFolder(tmp.path()), (Lines{"fits", "rec"})) << "no part of a failed write is left";
-}
-
-TEST_F(FailingDiskTest, RemovedFolderFailsEveryOperationCleanly) {
-  const std::string path = tmp / "gone";
-  FileSystemStorage gone(path, 0, false, false, 0);
-  ASSERT_EQ(::rmdir(path.c_str()), 0);
-  TraceCapture trace(2);
-  EXPECT_FALSE(writeRecord(gone, "rec", old));
-  EXPECT_EQ(readRecord(gone, "rec"), "missing");
-  EXPECT_FALSE(gone.isInStorage("rec"));
-  EXPECT_FALSE(gone.del("rec"));
-  EXPECT_FALSE(gone.startGetAll());
-  EXPECT_EQ(trace.messages(),
-            (Lines{writeFailure("rec", 100),
-                   "[ERROR] FileSystemStorage::getRaw: Folder <" + path +
-                       "/> VelLogin::readFile failed to read file: rec",
-                   folderLine("del", path, "FAILURE in deleting record with key <rec>")}));
-  EXPECT_FALSE(testsupport::pathExists(path)) << "no operation but construction makes the folder";
-}
-
-TEST_F(FailingDiskTest, ImmutableFolderOrRecordRefusesWritesAndKeepsEveryRecord) {
-  ASSERT_TRUE(writeRecord(store, "rec", old));
-  ASSERT_TRUE(writeRecord(store, "other", "x"));
-  {
-    Immutable frozen(tmp.path());
-    if (!frozen.isSet()) GTEST_SKIP() << "no immutable flag here: " << std::strerror(errno);
-    TraceCapture trace(2);
-    EXPECT_FALSE(writeRecord(store, "rec", big));
-    EXPECT_FALSE(writeRecord(store, "new", big));
-    EXPECT_EQ(trace.messages(), (Lines{writeFailure("rec", 10000), writeFailure("new", 10000)}));
-    EXPECT_EQ(drain(store), (Records{{"other", "x"}, {"rec", old}}));
-  }
-  {
-    Immutable frozen(tmp / "rec");
-    ASSERT_TRUE(frozen.isSet());
-    EXPECT_FALSE(writeRecord(store, "rec", big)) << "an immutable record is not replaced";
-    EXPECT_TRUE(writeRecord(store, "other", "y")) << "the folder itself is writable";
-  }
-  EXPECT_EQ(readRecord(store, "rec"), old);
-  EXPECT_EQ(listFolder(tmp.path()), (Lines{"other", "rec"}))
-      << "the new file of the refused write is gone";
 }
 
 // Each test gets a store folder "store" in outer, the folder that keys with
@@ -295,73 +306,49 @@ TEST_F(HostileInputTest, OddKeysGiveTheirOwnResultOrACleanFalse) {
 // the outcome; flushing the folder changes nothing of that, and the cache
 // passes the folder's answer on.
 TEST_F(HostileInputTest, DelAllRemovesWhatItCanAndReportsWhatItCouldNot) {
+  using Arrange = std::function<Undo(const std::string& folder, const std::string& other)>;
+  const Arrange nothing = [](const std::string&, const std::string&) { return undo([] {}); };
+  const Arrange records = [](const std::string& folder, const std::string&) {
+    for (const char* key : {"a", ".hidden", "..."}) writeFileBytes(folder + "/" + key, "x");
+    return undo([] {});
+  };
+  const Arrange everyKind = [&records](const std::string& folder, const std::string& other) {
+    EXPECT_EQ(::mkfifo((folder + "/fifo").c_str(), 0600), 0);
+    makeSocket(folder + "/sock");
+    EXPECT_EQ(::mkdir((folder + "/sub").c_str(), 0700), 0);
+    writeFileBytes(folder + "/sub/inner", "inner");
+    writeFileBytes(other + "/target", "outside");
+    EXPECT_EQ(::symlink((other + "/target").c_str(), (folder + "/outlink").c_str()), 0);
+    EXPECT_EQ(::symlink(other.c_str(), (folder + "/dirlink").c_str()), 0);
+    EXPECT_EQ(::symlink((other + "/gone").c_str(), (folder + "/dangling").c_str()), 0);
+    return records(folder, other);
+  };
+  const Arrange frozen = [&records](const std::string& folder, const std::string& other) {
+    records(folder, other);
+    return immutable(folder);
+  };
+  const Arrange removed = [](const std::string& folder, const std::string&) {
+    EXPECT_EQ(::rmdir(folder.c_str()), 0);
+    return undo([] {});
+  };
+  const char* const success = "SUCCESS in deleting all content";
+  const char* const failure = "FAILURE in deleting all content";
   struct Row {
     const char* what;
-    // Makes the folder's entries; may return a guard to hold during delAll.
-    std::function<std::unique_ptr<Immutable>(const std::string&, const std::string&)> arrange;
+    const Arrange& arrange;
     bool result;
-    Lines left;     // in the folder afterwards
-    Lines removed;  // del lines that say SUCCESS
-    Lines refused;  // del lines that say FAILURE
+    const char* left;     // in the folder afterwards
+    const char* deleted;  // keys of the del lines that say SUCCESS
+    const char* refused;  // ... and FAILURE
     const char* outcome;
   };
-  auto records = [](const std::string& folder, const std::string&) {
-    for (const char* key : {"a", ".hidden", "..."}) writeFileBytes(folder + "/" + key, "x");
-    return std::unique_ptr<Immutable>();
-  };
   const Row rows[] = {
-      {"an empty folder",
-       [](const std::string&, const std::string&) { return nullptr; },
-       true,
-       {},
-       {},
-       {},
-       "SUCCESS in deleting all content"},
-      {"records",
-       records,
-       true,
-       {},
-       {"...", ".hidden", "a"},
-       {},
-       "SUCCESS in deleting all content"},
-      {"entries of every kind",
-       [&records](const std::string& folder, const std::string& other) {
-         records(folder, other);
-         EXPECT_EQ(::mkfifo((folder + "/fifo").c_str(), 0600), 0);
-         makeSocket(folder + "/sock");
-         EXPECT_EQ(::mkdir((folder + "/sub").c_str(), 0700), 0);
-         writeFileBytes(folder + "/sub/inner", "inner");
-         writeFileBytes(other + "/target", "outside");
-         EXPECT_EQ(::symlink((other + "/target").c_str(), (folder + "/outlink").c_str()), 0);
-         EXPECT_EQ(::symlink(other.c_str(), (folder + "/dirlink").c_str()), 0);
-         EXPECT_EQ(::symlink((other + "/gone").c_str(), (folder + "/dangling").c_str()), 0);
-         return std::unique_ptr<Immutable>();
-       },
-       false,
-       {"sub"},
-       {"...", ".hidden", "a", "dangling", "dirlink", "fifo", "outlink", "sock"},
-       {"sub"},
-       "FAILURE in deleting all content"},
-      {"an immutable folder",
-       [&records](const std::string& folder, const std::string& other) {
-         records(folder, other);
-         return std::unique_ptr<Immutable>(new Immutable(folder));
-       },
-       false,
-       {"...", ".hidden", "a"},
-       {},
-       {"...", ".hidden", "a"},
-       "FAILURE in deleting all content"},
-      {"a removed folder",
-       [](const std::string& folder, const std::string&) {
-         EXPECT_EQ(::rmdir(folder.c_str()), 0);
-         return std::unique_ptr<Immutable>();
-       },
-       false,
-       {},
-       {},
-       {},
-       "FsDirOpen failed"},
+      {"an empty folder", nothing, true, "", "", "", success},
+      {"records", records, true, "", "... .hidden a", "", success},
+      {"entries of every kind", everyKind, false, "sub",
+       "... .hidden a dangling dirlink fifo outlink sock", "sub", failure},
+      {"an immutable folder", frozen, false, "... .hidden a", "", "... .hidden a", failure},
+      {"a removed folder", removed, false, "", "", "", "FsDirOpen failed"},
   };
   for (const Row& row : rows) {
     for (const FolderStack& stack : kFolderStacks) {
@@ -370,19 +357,19 @@ TEST_F(HostileInputTest, DelAllRemovesWhatItCanAndReportsWhatItCouldNot) {
         TempFolder folder;
         TempFolder other;
         std::unique_ptr<AbstractObjectStorage> store = makeStack(stack, folder.path());
-        const std::unique_ptr<Immutable> guard = row.arrange(folder.path(), other.path());
+        const Undo change = row.arrange(folder.path(), other.path());
         const Lines outside = listFolder(other.path());
-        if (guard && !guard->isSet()) GTEST_SKIP() << "no immutable flag here";
+        if (!change) GTEST_SKIP() << "no immutable flag here";
         VelLogin::setDurableWrites(durable);
         TraceCapture trace(2);
         EXPECT_EQ(store->delAll(), row.result);
         VelLogin::setDurableWrites(false);
         Lines expected{folderLine("delAll", folder.path(), row.outcome)};
-        for (const std::string& key : row.removed) {
+        for (const std::string& key : words(row.deleted)) {
           expected.push_back(folderLine("del", folder.path(),
                                         "SUCCESS in deleting record with key <" + key + ">"));
         }
-        for (const std::string& key : row.refused) {
+        for (const std::string& key : words(row.refused)) {
           expected.push_back(folderLine("del", folder.path(),
                                         "FAILURE in deleting record with key <" + key + ">"));
         }
@@ -392,7 +379,7 @@ TEST_F(HostileInputTest, DelAllRemovesWhatItCanAndReportsWhatItCouldNot) {
         std::sort(lines.begin(), lines.end());
         std::sort(expected.begin(), expected.end());
         EXPECT_EQ(lines, expected);
-        EXPECT_EQ(listFolder(folder.path()), row.left);
+        EXPECT_EQ(listFolder(folder.path()), words(row.left));
         EXPECT_EQ(listFolder(other.path()), outside) << "links are removed as links";
         EXPECT_EQ(outside.empty() ? "outside" : readFileBytes(other / "target"), "outside");
       }
