@@ -5,7 +5,7 @@
 // gate that opens or stays shut shows in the sweep counts at once), the
 // count, every key's presence and the live object count, so that a reference
 // kept or dropped wrongly shows at once. A failure prints its seed, the
-// store's settings and the shortest sequence that still fails.
+// store's settings and the steps up to the one that failed.
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -38,30 +38,9 @@ namespace {
 
 constexpr long kStart = 1000000000;
 
-enum Kind {
-  Set,
-  SetNull,
-  Get,
-  Del,
-  DelAll,
-  Cleanup,
-  BackingCleanup,
-  Iterate,
-  Release,
-  Reset,
-  Tick
-};
-const char* const kKindNames[] = {"set",
-                                  "set null",
-                                  "get",
-                                  "del",
-                                  "delAll",
-                                  "cleanup",
-                                  "backing cleanup",
-                                  "iterate",
-                                  "drop kept object",
-                                  "resetCounters",
-                                  "clock +"};
+// Backing: the backing store's cleanup(); Release: the caller drops a kept
+// object; Reset: resetCounters().
+enum Kind { Set, SetNull, Get, Del, DelAll, Cleanup, Backing, Iterate, Release, Reset, Tick };
 
 struct Step {
   Kind kind;
@@ -95,25 +74,13 @@ std::vector<uint64_t> fields(const MemStorage::Counters& c) {
   return {c.hits, c.misses, c.expiredOnRead, c.sweeps, c.recordsSwept};
 }
 std::vector<uint64_t> fields(const CacheStorage::Counters& c) {
-  return {c.hits,
-          c.misses,
-          c.staleHits,
-          c.backingReads,
-          c.backingReadFailures,
-          c.writeThroughsRefused,
-          c.sweeps,
-          c.recordsSwept};
+  std::vector<uint64_t> all{c.hits, c.misses, c.staleHits, c.backingReads, c.backingReadFailures};
+  all.insert(all.end(), {c.writeThroughsRefused, c.sweeps, c.recordsSwept});
+  return all;
 }
-
-std::string counterDiff(const char* who, const std::vector<uint64_t>& got,
-                        const std::vector<uint64_t>& expected) {
-  if (got == expected) return "";
-  std::ostringstream out;
-  out << who << " counters";
-  for (uint64_t each : got) out << " " << each;
-  out << ", expected";
-  for (uint64_t each : expected) out << " " << each;
-  return out.str();
+std::ostream& operator<<(std::ostream& out, const std::vector<uint64_t>& counters) {
+  for (uint64_t each : counters) out << each << " ";
+  return out;
 }
 
 // The expiry rules of MemStorage and the cache: a record expires when the
@@ -204,6 +171,7 @@ struct DiskModel {
   }
   bool isInStorage(const std::string& key) const { return files.count(key) != 0; }
   unsigned count() const { return 0; }
+  void addSerials(std::set<uint64_t>&) const {}
 };
 
 // CacheStorage: get and set sweep first; a fresh record answers get without
@@ -253,11 +221,29 @@ struct CacheModel : ExpiringTable<CacheStorage::Counters> {
     return records.count(key) != 0 || backing.isInStorage(key);
   }
   unsigned count() const { return backing.count(); }
+  void addSerials(std::set<uint64_t>& serials) const {
+    ExpiringTable::addSerials(serials);
+    backing.addSerials(serials);
+  }
 };
 
-std::string describe(uint64_t serial, uint32_t payload) {
-  return (serial == 0 ? std::string("a new object") : "#" + std::to_string(serial)) + " payload " +
-         std::to_string(payload);
+// A read's result: "null", "#serial=payload" or, for an object made since
+// the read began, "new=payload".
+std::string show(const Ptr& got, uint64_t madeBefore) {
+  if (!got) return "null";
+  const Item* item = Item::of(got);
+  return (item->serial() > madeBefore ? "new" : "#" + std::to_string(item->serial())) + "=" +
+         std::to_string(item->payload());
+}
+std::string show(const std::optional<Record>& expected) {
+  if (!expected) return "null";
+  return (expected->serial == 0 ? "new" : "#" + std::to_string(expected->serial)) + "=" +
+         std::to_string(expected->payload);
+}
+
+template <typename T>
+void check(std::ostream& diff, const char* what, const T& got, const T& expected) {
+  if (got != expected) diff << what << " gave " << got << ", expected " << expected << "; ";
 }
 
 // One store under test with its model. step() applies a step to both and
@@ -269,9 +255,8 @@ class Target {
   virtual std::string step(const Step& s) = 0;
 
  protected:
-  // Applies s to store and model and compares the results every target
-  // shares; a read-through of a folder makes a new object, which the model
-  // then adopts.
+  // Applies s to store and model, then compares the results, the counters,
+  // the count, every key's presence and the live objects.
   template <typename Store, typename Model>
   std::string commonStep(Store& store, Model& model, const Step& s) {
     const std::string& key = keys()[s.key % keys().size()];
@@ -280,45 +265,32 @@ class Target {
     switch (s.kind) {
       case Set: {
         Ptr item = Item::make(key, s.value);
-        const bool expected = model.set(key, Item::of(item)->serial(), s.value, now);
-        if (store.set(item, s.value % 7) != expected) diff << "set did not return " << expected;
+        check(diff, "set", store.set(item, s.value % 7),
+              model.set(key, Item::of(item)->serial(), s.value, now));
         break;
       }
       case SetNull:
         model.setNull(now);
-        if (store.set(Ptr(), 0)) diff << "set of a null object returned true";
+        check(diff, "set of null", store.set(Ptr(), 0), false);
         break;
       case Get: {
         const uint64_t madeBefore = Item::made;
         const std::optional<Record> expected = model.get(key, now);
         const Ptr got = store.get(key, nullptr);
-        const bool same =
-            expected ? got && Item::of(got)->payload() == expected->payload &&
-                           (expected->serial != 0 ? Item::of(got)->serial() == expected->serial
-                                                  : Item::of(got)->serial() > madeBefore)
-                     : !got;
-        if (!same) {
-          diff << "get returned "
-               << (got ? describe(Item::of(got)->serial(), Item::of(got)->payload()) : "null")
-               << ", expected "
-               << (expected ? describe(expected->serial, expected->payload) : "null");
-        }
-        if (same && expected && expected->serial == 0) {
+        check(diff, "get", show(got, madeBefore), show(expected));
+        // A read-through of a folder makes a new object: the cache holds that.
+        if (got && expected && expected->serial == 0) {
           model.records[key].serial = Item::of(got)->serial();
         }
-        if (same && got && s.value != 0) m_kept.push_back(got);
+        if (got && s.value != 0) m_kept.push_back(got);
         break;
       }
-      case Del: {
-        const bool expected = model.del(key);
-        if (store.del(key) != expected) diff << "del did not return " << expected;
+      case Del:
+        check(diff, "del", store.del(key), model.del(key));
         break;
-      }
-      case DelAll: {
-        const bool expected = model.delAll();
-        if (store.delAll() != expected) diff << "delAll did not return " << expected;
+      case DelAll:
+        check(diff, "delAll", store.delAll(), model.delAll());
         break;
-      }
       case Cleanup:
         store.cleanup();
         model.cleanup(now);
@@ -328,8 +300,7 @@ class Target {
         model.counters = {};
         break;
       case Release:
-        if (!m_kept.empty())
-          m_kept.erase(m_kept.begin() + static_cast<long>(s.key % m_kept.size()));
+        if (!m_kept.empty()) m_kept.erase(m_kept.begin() + s.key % m_kept.size());
         break;
       case Tick:
         FakeClock::advance(static_cast<long>(s.value));
@@ -337,31 +308,20 @@ class Target {
       default:
         break;  // the targets with a backing store or an iteration handle the rest
     }
-    if (!diff.str().empty()) return diff.str();
-    const std::string counters =
-        counterDiff("the store's", fields(store.counters()), fields(model.counters));
-    if (!counters.empty()) return counters;
-    if (store.getNumElements() != model.count()) {
-      diff << "getNumElements " << store.getNumElements() << ", expected " << model.count() << "; ";
-    }
+    check(diff, "counters", fields(store.counters()), fields(model.counters));
+    check(diff, "getNumElements", store.getNumElements(), model.count());
     for (const std::string& each : keys()) {
-      if (store.isInStorage(each) != model.isInStorage(each)) {
-        diff << "isInStorage('" << each << "') is " << !model.isInStorage(each) << "; ";
-      }
+      if (store.isInStorage(each) != model.isInStorage(each))
+        diff << "isInStorage(" << each << "); ";
     }
-    if (!diff.str().empty()) return diff.str();
     // Exactly the objects that the stores (by the model) and the caller hold
     // are alive.
     std::set<uint64_t> held;
     model.addSerials(held);
-    addBackingSerials(held);
     for (const Ptr& object : m_kept) held.insert(Item::of(object)->serial());
-    if (Item::live == static_cast<long>(held.size())) return "";
-    return "live objects " + std::to_string(Item::live) + ", the stores and the caller hold " +
-           std::to_string(held.size());
+    check(diff, "live objects", Item::live, static_cast<long>(held.size()));
+    return diff.str();
   }
-  virtual void addBackingSerials(std::set<uint64_t>&) const {}
-
   std::vector<Ptr> m_kept;  // objects the caller goes on holding
 };
 
@@ -387,19 +347,15 @@ class CachedMemTarget : public Target {
         m_model(c.lifetime, c.threshold, MemModel(c.backingLifetime, c.backingThreshold)) {}
   const std::vector<std::string>& keys() const override { return kMemKeys; }
   std::string step(const Step& s) override {
-    if (s.kind == BackingCleanup) {
+    if (s.kind == Backing) {
       m_backing->cleanup();
       m_model.backing.cleanup(static_cast<long>(FakeClock::now()));
     }
-    const std::string diff = commonStep(m_store, m_model, s);
-    return diff.empty() ? counterDiff("the backing store's", fields(m_backing->counters()),
-                                      fields(m_model.backing.counters))
-                        : diff;
-  }
-
- private:
-  void addBackingSerials(std::set<uint64_t>& held) const override {
-    m_model.backing.addSerials(held);
+    std::ostringstream diff;
+    diff << commonStep(m_store, m_model, s);
+    check(diff, "backing counters", fields(m_backing->counters()),
+          fields(m_model.backing.counters));
+    return diff.str();
   }
 
   MemStorage* m_backing;  // owned by m_store
@@ -416,36 +372,22 @@ class CachedFolderTarget : public Target {
         m_model(c.lifetime, c.threshold, DiskModel()) {}
   const std::vector<std::string>& keys() const override { return m_keys; }
   std::string step(const Step& s) override {
-    std::string diff = s.kind == Iterate ? iterate() : "";
-    if (diff.empty()) diff = commonStep(m_store, m_model, s);
-    // The folder holds exactly the model's files, each its object's image.
+    std::string diff = (s.kind == Iterate ? iterate() : "") + commonStep(m_store, m_model, s);
+    // The folder holds exactly the model's files.
     std::vector<std::string> names;
     for (const auto& file : m_model.backing.files) names.push_back(file.first);
-    if (diff.empty() && testsupport::listFolder(m_tmp.path()) != names) {
-      diff = "the folder lists other files";
-    }
-    const std::string& key = m_keys[s.key % m_keys.size()];
-    auto it = m_model.backing.files.find(key);
-    if (diff.empty() && s.kind == Set && it != m_model.backing.files.end()) {
-      const std::string bytes = testsupport::readFileBytes(m_tmp / key);
-      const Ptr onDisk = Item::fromBytes(bytes.data(), static_cast<unsigned>(bytes.size()));
-      if (!onDisk || Item::of(onDisk)->payload() != it->second || onDisk->getKey() != key) {
-        diff = "the file of '" + key + "' does not hold its object's image";
-      }
-    }
+    if (testsupport::listFolder(m_tmp.path()) != names) diff += "the folder lists other files";
     return diff;
   }
 
  private:
   // The iteration bypasses the cache: it yields every file's object once.
   std::string iterate() {
-    std::multiset<uint32_t> expected;
-    for (const auto& file : m_model.backing.files) expected.insert(file.second);
-    std::multiset<uint32_t> got;
+    std::map<std::string, uint32_t> got;
     if (!m_store.startGetAll()) return "startGetAll failed";
-    while (Ptr item = m_store.getNext()) got.insert(Item::of(item)->payload());
+    while (Ptr item = m_store.getNext()) got.emplace(item->getKey(), Item::of(item)->payload());
     m_store.endGetAll();
-    return got == expected ? "" : "the iteration yielded other objects";
+    return got == m_model.backing.files ? "" : "the iteration yielded other objects";
   }
 
   testsupport::TempFolder m_tmp;
@@ -514,11 +456,11 @@ void explore(const char* name, uint64_t seed, unsigned total, bool iterates, con
       report << name << " differs from its model (LOGINSTORAGE_SEED=" << seed << " replays it; run "
              << runs << "): " << why << "\nstore lifetime " << config.lifetime << " threshold "
              << config.threshold << ", backing lifetime " << config.backingLifetime << " threshold "
-             << config.backingThreshold << "\nsteps (kind, key, value):\n";
+             << config.backingThreshold << "\nsteps (Kind, key, value):\n";
       const std::vector<std::string> keys = make(config)->keys();
       for (size_t i = 0; i <= failed; ++i) {
-        report << " " << kKindNames[steps[i].kind] << " '" << keys[steps[i].key % keys.size()]
-               << "' " << steps[i].value << ";";
+        report << " " << steps[i].kind << " '" << keys[steps[i].key % keys.size()] << "' "
+               << steps[i].value << ";";
       }
       ADD_FAILURE() << report.str();
       break;

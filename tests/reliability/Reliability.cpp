@@ -55,27 +55,18 @@ bool isImage(const std::string& key, const std::string& content, uint32_t* gen) 
 }
 
 bool Item::serialize(char*& data, unsigned& len) {
-  if (m_payload == 0) return false;
-  const uint32_t size = static_cast<uint32_t>(m_key.size());
-  m_image.assign(reinterpret_cast<const char*>(&size), sizeof size);
-  m_image += m_key;
-  m_image.append(reinterpret_cast<const char*>(&m_payload), sizeof m_payload);
-  if (m_image.size() > len) return false;
+  m_image = std::to_string(m_payload) + ":" + m_key;
+  if (m_payload == 0 || m_image.size() > len) return false;
   data = &m_image[0];
   len = static_cast<unsigned>(m_image.size());
   return true;
 }
 
 VelLogin::RefCountPtr<VelLogin::IStorable> Item::fromBytes(const char* data, unsigned len) {
-  uint32_t size = 0;
-  uint32_t payload = 0;
-  if (data == nullptr || len < sizeof size) return VelLogin::RefCountPtr<VelLogin::IStorable>();
-  std::memcpy(&size, data, sizeof size);
-  if (size > len - sizeof size || len - sizeof size - size != sizeof payload) {
-    return VelLogin::RefCountPtr<VelLogin::IStorable>();
-  }
-  std::memcpy(&payload, data + sizeof size + size, sizeof payload);
-  return make(std::string(data + sizeof size, size), payload);
+  const std::string bytes(data, len);
+  const size_t colon = bytes.find(':');
+  if (colon == std::string::npos || colon == 0) return VelLogin::RefCountPtr<VelLogin::IStorable>();
+  return make(bytes.substr(colon + 1), static_cast<uint32_t>(std::stoul(bytes.substr(0, colon))));
 }
 
 }  // namespace reliability
