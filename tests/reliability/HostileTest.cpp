@@ -47,6 +47,7 @@ using VelLogin::AbstractObjectStorage;
 using VelLogin::CacheStorage;
 using VelLogin::FileSystemStorage;
 using VelLogin::ObjectStorage;
+using VelLogin::temporary_file_name::kPrefix;
 using Lines = std::vector<std::string>;
 
 namespace {
@@ -243,58 +244,44 @@ TEST_F(HostileInputTest, OddKeysGiveTheirOwnResultOrACleanFalse) {
   writeFileBytes(outer / "neighbour", "kept");
   const Lines untouched{"neighbour", "store"};
   const Lines escaped{"escaped", "neighbour", "store"};
-  struct Row {
-    std::string key;
-    bool stored;  // by the folder stacks: set, get, isInStorage and del succeed
-    bool plain;   // isPlainKey()
-    bool listed;  // the iteration delivers it (false: it lies outside the folder)
+  // What the folder stacks do with a key: refuse it (a path, or not plain),
+  // refuse it though it is plain (too long for a file name, or the form of a
+  // writer's temporary file), store it in the folder, or store it outside.
+  enum Fate { kRefused, kRefusedPlain, kStored, kOutside };
+  const std::pair<Fate, std::vector<std::string>> groups[] = {
+      {kRefused, {"", ".", "..", "/", "//", "no/such", std::string("nul\0b", 6), {'\0'}}},
+      {kRefusedPlain,
+       {std::string(256, 'n'), std::string(5000, 'p'), kPrefix + std::string("1-2")}},
+      {kStored, {"line\nbreak", "tab\t", " ", "-", "...", "\xff\xfe\x80", std::string(255, 'n')}},
+      {kOutside, {"../escaped", "../store/../escaped", "./../escaped"}},
   };
-  const std::vector<Row> rows{
-      {"", 0, 0, 0},
-      {".", 0, 0, 0},
-      {"..", 0, 0, 0},
-      {"/", 0, 0, 0},
-      {"//", 0, 0, 0},
-      {"no/such", 0, 0, 0},
-      {std::string("nul\0byte", 8), 0, 0, 0},
-      {std::string("\0", 1), 0, 0, 0},
-      // Too long for a file name, or the form of a writer's temporary file.
-      {std::string(256, 'n'), 0, 1, 0},
-      {std::string(5000, 'p'), 0, 1, 0},
-      {VelLogin::temporary_file_name::kPrefix + std::string("1-2"), 0, 1, 0},
-      {"line\nbreak", 1, 1, 1},
-      {"tab\there", 1, 1, 1},
-      {" ", 1, 1, 1},
-      {"-", 1, 1, 1},
-      {"...", 1, 1, 1},
-      {"\xff\xfe\x80 not text", 1, 1, 1},
-      {std::string(255, 'n'), 1, 1, 1},
-      {"../escaped", 1, 0, 0},
-      {"../store/../escaped", 1, 0, 0},
-      {"./../escaped", 1, 0, 0}};
   VelLogin::MemStorage mem(60, 0);
-  for (const Row& row : rows) {
-    SCOPED_TRACE("key of " + std::to_string(row.key.size()) + " bytes: " + row.key.substr(0, 20));
-    EXPECT_EQ(FileSystemStorage::isPlainKey(row.key), row.plain);
-    for (const FolderStack& stack : kFolderStacks) {
-      SCOPED_TRACE(stack.name);
-      std::unique_ptr<AbstractObjectStorage> store = makeStack(stack, path);
-      EXPECT_EQ(store->set(Item::make(row.key, 7), 0), row.stored);
-      const auto got = store->get(row.key, nullptr);
-      EXPECT_EQ(got ? got->toString() : "null", row.stored ? row.key + "=7" : "null");
-      EXPECT_EQ(store->isInStorage(row.key), row.stored);
-      const Records listed = drain(*store);
-      EXPECT_EQ(listed.size() + listed.count(row.key), row.listed ? 2u : 0u);
-      EXPECT_EQ(listFolder(outer.path()), row.stored && !row.listed ? escaped : untouched);
-      EXPECT_EQ(store->del(row.key), row.stored);
-      EXPECT_EQ(listFolder(path), Lines{});
-      EXPECT_EQ(listFolder(outer.path()), untouched);
+  for (const auto& group : groups) {
+    const bool stored = group.first >= kStored;
+    const bool listed = group.first == kStored;
+    for (const std::string& key : group.second) {
+      SCOPED_TRACE("key of " + std::to_string(key.size()) + " bytes: " + key.substr(0, 20));
+      EXPECT_EQ(FileSystemStorage::isPlainKey(key), group.first == kRefusedPlain || listed);
+      for (const FolderStack& stack : kFolderStacks) {
+        SCOPED_TRACE(stack.name);
+        std::unique_ptr<AbstractObjectStorage> store = makeStack(stack, path);
+        EXPECT_EQ(store->set(Item::make(key, 7), 0), stored);
+        const auto got = store->get(key, nullptr);
+        EXPECT_EQ(got ? got->toString() : "null", stored ? key + "=7" : "null");
+        EXPECT_EQ(store->isInStorage(key), stored);
+        const Records iterated = drain(*store);
+        EXPECT_EQ(iterated.size() + iterated.count(key), listed ? 2u : 0u);
+        EXPECT_EQ(listFolder(outer.path()), stored && !listed ? escaped : untouched);
+        EXPECT_EQ(store->del(key), stored);
+        EXPECT_EQ(listFolder(path), Lines{});
+        EXPECT_EQ(listFolder(outer.path()), untouched);
+      }
+      EXPECT_TRUE(mem.set(Item::make(key, 7), 0));
+      const auto kept = mem.get(key, nullptr);
+      EXPECT_EQ(kept ? kept->getKey() : "no object", key);
     }
-    EXPECT_TRUE(mem.set(Item::make(row.key, 7), 0));
-    const auto kept = mem.get(row.key, nullptr);
-    EXPECT_EQ(kept ? kept->getKey() : "no object", row.key);
   }
-  EXPECT_EQ(mem.getNumElements(), rows.size());
+  EXPECT_EQ(mem.getNumElements(), 21u);
   EXPECT_EQ(readFileBytes(outer / "neighbour"), "kept");
 }
 
