@@ -251,15 +251,15 @@ void check(std::ostream& diff, const char* what, const T& got, const T& expected
 class Target {
  public:
   virtual ~Target() = default;
-  virtual const std::vector<std::string>& keys() const = 0;
   virtual std::string step(const Step& s) = 0;
+  std::vector<std::string> keys{"a", "b", "c", "d", "", "no/such"};
 
  protected:
   // Applies s to store and model, then compares the results, the counters,
   // the count, every key's presence and the live objects.
   template <typename Store, typename Model>
   std::string commonStep(Store& store, Model& model, const Step& s) {
-    const std::string& key = keys()[s.key % keys().size()];
+    const std::string& key = keys[s.key % keys.size()];
     const long now = static_cast<long>(FakeClock::now());
     std::ostringstream diff;
     switch (s.kind) {
@@ -310,7 +310,7 @@ class Target {
     }
     check(diff, "counters", fields(store.counters()), fields(model.counters));
     check(diff, "getNumElements", store.getNumElements(), model.count());
-    for (const std::string& each : keys()) {
+    for (const std::string& each : keys) {
       if (store.isInStorage(each) != model.isInStorage(each))
         diff << "isInStorage(" << each << "); ";
     }
@@ -325,13 +325,10 @@ class Target {
   std::vector<Ptr> m_kept;  // objects the caller goes on holding
 };
 
-const std::vector<std::string> kMemKeys{"a", "b", "c", "d", "e", ""};
-
 class MemTarget : public Target {
  public:
   explicit MemTarget(const Config& c)
       : m_store(c.lifetime, c.threshold), m_model(c.lifetime, c.threshold) {}
-  const std::vector<std::string>& keys() const override { return kMemKeys; }
   std::string step(const Step& s) override { return commonStep(m_store, m_model, s); }
 
  private:
@@ -345,7 +342,6 @@ class CachedMemTarget : public Target {
       : m_backing(new MemStorage(c.backingLifetime, c.backingThreshold)),
         m_store(m_backing, c.lifetime, c.threshold),
         m_model(c.lifetime, c.threshold, MemModel(c.backingLifetime, c.backingThreshold)) {}
-  const std::vector<std::string>& keys() const override { return kMemKeys; }
   std::string step(const Step& s) override {
     if (s.kind == Backing) {
       m_backing->cleanup();
@@ -370,7 +366,6 @@ class CachedFolderTarget : public Target {
                                   &Item::fromBytes),
                 c.lifetime, c.threshold),
         m_model(c.lifetime, c.threshold, DiskModel()) {}
-  const std::vector<std::string>& keys() const override { return m_keys; }
   std::string step(const Step& s) override {
     std::string diff = (s.kind == Iterate ? iterate() : "") + commonStep(m_store, m_model, s);
     // The folder holds exactly the model's files.
@@ -391,7 +386,6 @@ class CachedFolderTarget : public Target {
   }
 
   testsupport::TempFolder m_tmp;
-  std::vector<std::string> m_keys{"k0", "k1", "k2", "k3", "", "no/such"};
   CacheStorage m_store;
   CacheModel<DiskModel> m_model;
 };
@@ -422,49 +416,28 @@ Step randomStep(Random& random, bool iterates) {
   return s;
 }
 
-// Replays steps on a fresh target from the start time: the index of the
-// first step that differs from the model (steps.size() when none), and why.
-size_t replay(const Factory& make, const Config& config, const std::vector<Step>& steps,
-              std::string* why) {
-  FakeClock::set(kStart);
-  std::unique_ptr<Target> target = make(config);
-  for (size_t i = 0; i < steps.size(); ++i) {
-    std::string diff = target->step(steps[i]);
-    if (!diff.empty()) {
-      if (why != nullptr) *why = diff;
-      return i;
-    }
-  }
-  return steps.size();
-}
-
-// Runs random sequences of random length until total steps were checked.
+// Runs random sequences of random length on fresh targets, from the start
+// time, until total steps were checked or one differs from the model.
 void explore(const char* name, uint64_t seed, unsigned total, bool iterates, const Factory& make) {
   Random random(seed);
   uint64_t checked = 0;
   unsigned runs = 0;
-  while (checked < total) {
+  for (std::string why; checked < total && why.empty(); ++runs) {
     const Config config = randomConfig(random);
-    std::vector<Step> steps(50 + random.below(250));
-    for (Step& s : steps) s = randomStep(random, iterates);
-    std::string why;
-    const size_t failed = replay(make, config, steps, &why);
-    checked += failed < steps.size() ? failed + 1 : steps.size();
-    ++runs;
-    if (failed < steps.size()) {
-      std::ostringstream report;
-      report << name << " differs from its model (LOGINSTORAGE_SEED=" << seed << " replays it; run "
-             << runs << "): " << why << "\nstore lifetime " << config.lifetime << " threshold "
-             << config.threshold << ", backing lifetime " << config.backingLifetime << " threshold "
-             << config.backingThreshold << "\nsteps (Kind, key, value):\n";
-      const std::vector<std::string> keys = make(config)->keys();
-      for (size_t i = 0; i <= failed; ++i) {
-        report << " " << steps[i].kind << " '" << keys[steps[i].key % keys.size()] << "' "
-               << steps[i].value << ";";
-      }
-      ADD_FAILURE() << report.str();
-      break;
+    FakeClock::set(kStart);
+    std::unique_ptr<Target> target = make(config);
+    std::ostringstream steps;
+    for (unsigned n = 50 + random.below(250); n > 0 && why.empty(); --n, ++checked) {
+      const Step s = randomStep(random, iterates);
+      steps << " " << s.kind << " '" << target->keys[s.key % target->keys.size()] << "' " << s.value
+            << ";";
+      why = target->step(s);
     }
+    EXPECT_EQ(why, "") << name << " differs from its model (LOGINSTORAGE_SEED=" << seed
+                       << " replays it; run " << runs + 1 << "), store lifetime " << config.lifetime
+                       << " threshold " << config.threshold << ", backing lifetime "
+                       << config.backingLifetime << " threshold " << config.backingThreshold
+                       << "; steps (Kind, key, value):" << steps.str();
   }
   std::cout << "[ figures  ] " << name << ": " << checked << " random operations checked in "
             << runs << " sequences, seed " << seed << std::endl;
