@@ -1,8 +1,8 @@
-// Records under real processes: two writers share a folder, each replacing
-// its own records as fast as it can, while this process reads and iterates
+// Records under real processes: two writers replace the same records in one
+// folder as fast as they can, while this process reads and iterates
 // the folder, until both are killed with SIGKILL at a random moment. Every
 // record read, during the run or after the kill, must be exactly one image
-// its writer wrote (images carry their key, generation and length and are
+// a writer wrote (images carry their key, generation and length and are
 // checked whole), never a torn, empty, older or foreign one, and the writers'
 // temporary files must never be listed as records.
 #include <gtest/gtest.h>
@@ -33,7 +33,17 @@ using VelLogin::FileSystemStorage;
 namespace {
 
 const std::vector<std::string> kKeys{"k0", "k1", "k2", "k3", "k4", "k5", "k6", "k7"};
-constexpr unsigned kWriters = 2;  // writer w owns the keys k<w>, k<w + kWriters>, ...
+constexpr unsigned kWriters = 2;
+
+// The writers of one round, killed and reaped on every way out of it.
+struct Writers {
+  pid_t pids[kWriters] = {};
+  ~Writers() {
+    for (pid_t pid : pids) {
+      if (pid > 0 && ::kill(pid, SIGKILL) == 0) ::waitpid(pid, nullptr, 0);
+    }
+  }
+};
 
 unsigned temporaryFiles(const std::string& folder) {
   unsigned count = 0;
@@ -67,19 +77,19 @@ TEST(ProcessTest, KilledWritersAndConcurrentReadersSeeOnlyWholeRecords) {
     SCOPED_TRACE("kill " + std::to_string(kill));
     int ready[2];
     ASSERT_EQ(::pipe(ready), 0);
-    pid_t writers[kWriters];
+    Writers writers;
     for (unsigned w = 0; w < kWriters; ++w) {
-      writers[w] = ::fork();
-      ASSERT_GE(writers[w], 0);
-      if (writers[w] == 0) {
+      pid_t& pid = writers.pids[w];
+      ASSERT_GE(pid = ::fork(), 0);
+      if (pid == 0) {
         // Generations grow from one kill to the next, so that a record that
         // went back to an older image would show.
         FileSystemStorage own(tmp.path(), 0, false, false, 0);
-        uint32_t gen = (kill + 2) << 16;
-        for (unsigned i = w;; i += kWriters) {
+        uint32_t gen = (kill + 2) << 16 | w << 15;
+        for (unsigned i = 3 * w;; ++i) {
           const std::string& key = kKeys[i % kKeys.size()];
           if (!writeRecord(own, key, image(key, ++gen))) ::_exit(3);
-          if (i == w && ::write(ready[1], "r", 1) != 1) ::_exit(4);
+          if (i == 3 * w && ::write(ready[1], "r", 1) != 1) ::_exit(4);
         }
       }
     }
@@ -96,11 +106,12 @@ TEST(ProcessTest, KilledWritersAndConcurrentReadersSeeOnlyWholeRecords) {
     if (kill % 8 == 0) {
       for (const auto& record : drain(store)) ASSERT_EQ(whole(record.first, record.second), "");
     }
-    for (pid_t writer : writers) {
+    for (pid_t& writer : writers.pids) {
       ::kill(writer, SIGKILL);
       int status = 0;
       ASSERT_EQ(::waitpid(writer, &status, 0), writer);
       ASSERT_TRUE(WIFSIGNALED(status)) << "a writer stopped on its own, status " << status;
+      writer = 0;
     }
     for (const std::string& key : kKeys) {
       const std::string bytes = readRecord(store, key);
