@@ -8,9 +8,6 @@ namespace reliability {
 
 namespace {
 
-long g_live = 0;
-uint64_t g_made = 0;
-
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr double kBuildScale = 0.1;
 #else
@@ -57,49 +54,19 @@ bool isImage(const std::string& key, const std::string& content, uint32_t* gen) 
   return true;
 }
 
-Item::Item(std::string key, uint32_t payload)
-    : m_key(std::move(key)), m_payload(payload), m_serial(++g_made) {
-  ++g_live;
-}
-
-Item::~Item() { --g_live; }
-
 bool Item::serialize(char*& data, unsigned& len) {
-  if (m_payload == 0) return false;
-  const uint32_t size = static_cast<uint32_t>(m_key.size());
-  m_image.assign(reinterpret_cast<const char*>(&size), sizeof size);
-  m_image += m_key;
-  m_image.append(reinterpret_cast<const char*>(&m_payload), sizeof m_payload);
-  if (m_image.size() > len) return false;
+  m_image = std::to_string(m_payload) + ":" + m_key;
+  if (m_payload == 0 || m_image.size() > len) return false;
   data = &m_image[0];
   len = static_cast<unsigned>(m_image.size());
   return true;
 }
 
-std::string Item::toString() const { return m_key + "=" + std::to_string(m_payload); }
-
-VelLogin::RefCountPtr<VelLogin::IStorable> Item::make(const std::string& key, uint32_t payload) {
-  return VelLogin::RefCountPtr<VelLogin::IStorable>(new Item(key, payload));
-}
-
 VelLogin::RefCountPtr<VelLogin::IStorable> Item::fromBytes(const char* data, unsigned len) {
-  uint32_t size = 0;
-  uint32_t payload = 0;
-  if (data == nullptr || len < sizeof size) return VelLogin::RefCountPtr<VelLogin::IStorable>();
-  std::memcpy(&size, data, sizeof size);
-  if (size > len - sizeof size || len - sizeof size - size != sizeof payload) {
-    return VelLogin::RefCountPtr<VelLogin::IStorable>();
-  }
-  std::memcpy(&payload, data + sizeof size + size, sizeof payload);
-  return make(std::string(data + sizeof size, size), payload);
+  const std::string bytes(data, len);
+  const size_t colon = bytes.find(':');
+  if (colon == std::string::npos || colon == 0) return VelLogin::RefCountPtr<VelLogin::IStorable>();
+  return make(bytes.substr(colon + 1), static_cast<uint32_t>(std::stoul(bytes.substr(0, colon))));
 }
-
-const Item* Item::of(const VelLogin::RefCountPtr<VelLogin::IStorable>& ptr) {
-  return static_cast<const Item*>(ptr.get());
-}
-
-long Item::live() { return g_live; }
-
-uint64_t Item::made() { return g_made; }
 
 }  // namespace reliability

@@ -5,6 +5,7 @@
 #define LOGINSTORAGE_TESTS_RELIABILITY_RELIABILITY_H
 
 #include <cstdint>
+#include <random>
 #include <string>
 
 #include "LoginStorage/storage/IStorable.h"
@@ -20,22 +21,12 @@ unsigned scaled(unsigned n);
 // clock, so that every failure can be replayed.
 uint64_t seed(uint64_t fixed);
 
-// A small, fast generator whose sequence depends on the seed only.
-class Random {
- public:
-  explicit Random(uint64_t seed) : m_state(seed ^ 0x9E3779B97F4A7C15ull) {}
-  uint64_t next() {
-    uint64_t z = (m_state += 0x9E3779B97F4A7C15ull);
-    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-    return z ^ (z >> 31);
-  }
-  // Uniform in [0, n).
-  unsigned below(unsigned n) { return static_cast<unsigned>(next() % n); }
+// A generator whose sequence depends on the seed only, on every platform.
+struct Random : std::mt19937_64 {
+  using std::mt19937_64::mt19937_64;
+  // Uniform enough in [0, n).
+  unsigned below(unsigned n) { return static_cast<unsigned>((*this)() % n); }
   bool chance(unsigned percent) { return below(100) < percent; }
-
- private:
-  uint64_t m_state;
 };
 
 // The image of generation gen of the record key: a header naming both and
@@ -46,32 +37,40 @@ std::string image(const std::string& key, uint32_t gen);
 bool isImage(const std::string& key, const std::string& content, uint32_t* gen);
 
 // A storable with a key, a payload number and a serial number of its own
-// that tells objects apart. Its byte image is the key's length, the key and
-// the payload; fromBytes() rebuilds a new object (a new serial) from it.
+// that tells objects apart. Its byte image is "payload:key"; fromBytes()
+// rebuilds a new object (a new serial) from it.
+// toString() is "key=payload".
 class Item : public VelLogin::IStorable {
  public:
-  Item(std::string key, uint32_t payload);
-  ~Item() override;
+  Item(std::string key, uint32_t payload)
+      : m_key(std::move(key)), m_payload(payload), m_serial(++made) {
+    ++live;
+  }
+  ~Item() override { --live; }
   std::string getKey() const override { return m_key; }
   // Refuses (false) for payload 0, so that tests can make a write fail.
   bool serialize(char*& data, unsigned& len) override;
-  std::string toString() const override;
+  std::string toString() const override { return m_key + "=" + std::to_string(m_payload); }
 
   uint32_t payload() const { return m_payload; }
   uint64_t serial() const { return m_serial; }
 
-  static VelLogin::RefCountPtr<VelLogin::IStorable> make(const std::string& key, uint32_t payload);
+  static VelLogin::RefCountPtr<VelLogin::IStorable> make(const std::string& key, uint32_t payload) {
+    return VelLogin::RefCountPtr<VelLogin::IStorable>(new Item(key, payload));
+  }
   static VelLogin::RefCountPtr<VelLogin::IStorable> fromBytes(const char* data, unsigned len);
-  static const Item* of(const VelLogin::RefCountPtr<VelLogin::IStorable>& ptr);
+  static const Item* of(const VelLogin::RefCountPtr<VelLogin::IStorable>& ptr) {
+    return static_cast<const Item*>(ptr.get());
+  }
   // Items alive now, and made so far.
-  static long live();
-  static uint64_t made();
+  static inline long live = 0;
+  static inline uint64_t made = 0;
 
  private:
   std::string m_key;
   uint32_t m_payload;
   uint64_t m_serial;
-  std::string m_image;
+  std::string m_image;  // what serialize() handed out last
 };
 
 }  // namespace reliability

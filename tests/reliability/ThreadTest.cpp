@@ -5,16 +5,16 @@
 // preset) a race anywhere in the stores or the trace fails the run.
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <cstring>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "LoginStorage/LoginStorage.h"
-#include "support/TestItem.h"
 #include "reliability/Reliability.h"
 #include "support/TempFolder.h"
+#include "support/TestItem.h"
 
 using testsupport::makeItem;
 using VelLogin::AbstractObjectStorage;
@@ -39,8 +39,7 @@ Ptr itemFromBytes(const char* data, unsigned len) { return makeItem(std::string(
 // One worker's run; returns what went wrong, empty when nothing did. The
 // folder is walked only on request: the order of a listing, and so the trace
 // of a walk, differs from folder to folder.
-std::vector<std::string> work(int worker, const std::string& folder, unsigned rounds,
-                              bool walk) {
+std::vector<std::string> work(int worker, const std::string& folder, unsigned rounds, bool walk) {
   t_worker = worker;
   std::vector<std::string> faults;
   const std::string tag = kWorkerTag + std::to_string(worker) + "-";
@@ -99,26 +98,22 @@ std::vector<std::string> runWorkers(const std::string& root, bool walk) {
   return all;
 }
 
-// Why line is not one whole line of the calling worker's stores ("" if it is).
+// Why line is not one whole line of the calling worker's stores ("" if it
+// is): "[SEVERITY] Class::method: text" with its topic's severity, no line
+// break, no second prefix, no other worker's names; an entry line says
+// "begin".
 std::string lineProblem(const char* topic, int severity, const std::string& line) {
   const bool entry = std::strcmp(topic, "COVERAGE") == 0;
   if (!entry && (std::strcmp(topic, "STORAGE") != 0 || severity < 1 || severity > 3)) {
     return "topic or severity";
   }
-  const std::string head = std::string("[") + VelLoginDebug::sev2StrArr[entry ? 6 : severity] + "] ";
-  if (line.compare(0, head.size(), head) != 0) return "severity";
-  size_t at = head.size();
-  size_t labelEnd = line.find(": ", at);
-  if (labelEnd == std::string::npos || labelEnd == at) return "label";
-  for (; at < labelEnd; ++at) {
-    if (!std::isalpha(static_cast<unsigned char>(line[at])) && line[at] != ':') return "label";
-  }
-  const std::string text = line.substr(labelEnd + 2);
-  if (entry ? text != "begin" : text.empty()) return "text";
-  if (line.find('\n') != std::string::npos) return "two lines";
-  for (const char* name : VelLoginDebug::sev2StrArr) {
-    if (line.find(std::string("[") + name + "]", 1) != std::string::npos) return "two prefixes";
-  }
+  static const std::regex kShape(R"(\[([A-Z]+)\] [A-Za-z:]+: ([^\n]+))");
+  std::smatch parts;
+  if (!std::regex_match(line, parts, kShape)) return "shape";
+  if (parts[1] != VelLoginDebug::sev2StrArr[entry ? 6 : severity]) return "severity";
+  if (entry && parts[2] != "begin") return "text";
+  static const std::regex kPrefix(R"(\[(FATAL|ERROR|WARNING|INFO|DEBUG|DETAIL|TRACE)\])");
+  if (std::regex_search(line.begin() + 1, line.end(), kPrefix)) return "two prefixes";
   const std::string own = kWorkerTag + std::to_string(t_worker) + "-";
   for (size_t tag = line.find(kWorkerTag); tag != std::string::npos;
        tag = line.find(kWorkerTag, tag + 1)) {
@@ -135,8 +130,7 @@ struct LineCheck {
 
   static void handle(void* context, const char* topic, int severity, const char* line) {
     auto* check = static_cast<LineCheck*>(context);
-    const std::string problem =
-        t_worker < 0 ? "not a worker" : lineProblem(topic, severity, line);
+    const std::string problem = t_worker < 0 ? "not a worker" : lineProblem(topic, severity, line);
     if (t_worker >= 0) ++check->lines[t_worker];
     if (!problem.empty() && check->bad.size() < 10) check->bad.push_back(problem + ": " + line);
   }
