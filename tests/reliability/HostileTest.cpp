@@ -27,7 +27,7 @@
 #include <vector>
 
 #include "LoginStorage/LoginStorage.h"
-#include "platform/TemporaryFileName.h"
+#include "util/TemporaryFileName.h"
 #include "reliability/Reliability.h"
 #include "support/Records.h"
 #include "support/TempFolder.h"
