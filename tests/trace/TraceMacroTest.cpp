@@ -14,7 +14,6 @@ namespace VelLogin {
 class Probe {
  public:
   virtual ~Probe() = default;
-  void entry() { LS_TRACE_ENTRY("entry"); }
   void message(int severity, const char* text) {
     LS_TRACE_ENTRY("message");
     LS_TRACE_MSG(severity, "%s", text);
@@ -42,17 +41,14 @@ namespace {
 class TraceMacroTest : public ::testing::Test {
  protected:
   void TearDown() override { VelLoginDebug::m_topicsColors.clear(); }
-  std::vector<std::string> texts() const { return m_trace.texts(); }
 
-  testsupport::TraceCapture m_trace{4};
+  testsupport::TraceCapture m_trace{7, true};
   VelLogin::Probe m_probe;
 };
 
 // Plain layouts are those every store's suite checks; here only what they
 // cannot set: colours, shrunk settings, gates and labels.
 TEST_F(TraceMacroTest, ColouredLayoutsPlaceTheResetDifferently) {
-  activate_tellu_debug_output = 7;
-  VelLoginDebug::m_coverage = true;
   VelLoginDebug::m_printColor = true;
   VelLoginDebug::m_topicsColors["COVERAGE"] = "<cov>";
   VelLoginDebug::m_topicsColors["STORAGE"] = "<sto>";
@@ -60,7 +56,7 @@ TEST_F(TraceMacroTest, ColouredLayoutsPlaceTheResetDifferently) {
   const std::string info = VelLoginDebug::m_svrColors[3];
   m_probe.message(3, "text");
   m_probe.stream("k", 1);
-  EXPECT_EQ(texts(),
+  EXPECT_EQ(m_trace.texts(),
             (std::vector<std::string>{
                 trace + "[TRACE] \033[0m<cov>Probe::message\033[0m: begin",
                 info + "[INFO]\033[0m <sto>Probe::message\033[0m: text",
@@ -70,8 +66,12 @@ TEST_F(TraceMacroTest, ColouredLayoutsPlaceTheResetDifferently) {
 }
 
 // A severity beyond the colour table, a topic without a colour and a nulled
-// severity name give no escape and no name, and no crash.
-TEST_F(TraceMacroTest, ShrunkOrNulledSettingsDoNotCrash) {
+// severity name give no escape and no name, and no crash; a long message is
+// cut to the line buffer.
+TEST_F(TraceMacroTest, ShrunkOrNulledSettingsAndLongTextsDoNotCrash) {
+  const std::string longText(10000, 'x'), prefix = "[INFO] Probe::message: ";
+  VelLoginDebug::m_coverage = false;
+  m_probe.message(3, longText.c_str());
   VelLoginDebug::m_printColor = true;
   const std::vector<std::string> saved = VelLoginDebug::m_svrColors;
   const char* savedName = VelLoginDebug::sev2StrArr[3];
@@ -82,64 +82,41 @@ TEST_F(TraceMacroTest, ShrunkOrNulledSettingsDoNotCrash) {
   m_probe.message(3, "x");
   VelLoginDebug::m_svrColors = saved;
   VelLoginDebug::sev2StrArr[3] = savedName;
-  EXPECT_EQ(texts(), (std::vector<std::string>{
-                         "[INFO]\033[0m Probe::message\033[0m: x",
-                         "[INFO] \033[0mProbe::stream\033[0m: [PROBE] key 'k' n=2 ok=true",
-                         "[]\033[0m Probe::message\033[0m: x",
-                     }));
+  EXPECT_EQ(m_trace.texts(), (std::vector<std::string>{
+                                 prefix + longText.substr(0, 5631 - prefix.size()),
+                                 "[INFO]\033[0m Probe::message\033[0m: x",
+                                 "[INFO] \033[0mProbe::stream\033[0m: [PROBE] key 'k' n=2 ok=true",
+                                 "[]\033[0m Probe::message\033[0m: x",
+                             }));
 }
 
-// A line of severity N is written from level N + 1 on, composed or streamed.
-TEST_F(TraceMacroTest, MessageOfSeverityNNeedsALevelAboveN) {
-  for (int level = 0; level <= 4; ++level) {
+// A message of severity N is written from level N + 1 on, composed or
+// streamed; an entry line from level 7 with coverage on; a threshold below 4
+// closes the sink to all of them.
+TEST_F(TraceMacroTest, GatesOpenByLevelCoverageAndThreshold) {
+  // level, coverage, threshold: lines written
+  const int cases[][4] = {{0, 1, 4, 0}, {1, 0, 4, 0}, {2, 0, 4, 1}, {3, 0, 4, 2}, {4, 0, 4, 4},
+                          {6, 1, 4, 4}, {7, 0, 4, 4}, {7, 1, 3, 0}, {7, 1, 4, 8}};
+  for (const auto& c : cases) {
     m_trace.clear();
-    activate_tellu_debug_output = level;
-    m_probe.message(1, "a");
-    m_probe.message(2, "b");
-    m_probe.message(3, "c");
+    activate_tellu_debug_output = c[0];
+    VelLoginDebug::m_coverage = c[1] != 0;
+    g_MsgTypeMaxThr = c[2];
+    for (int severity = 1; severity <= 3; ++severity) m_probe.message(severity, "m");
     m_probe.stream("k", 1);
-    EXPECT_EQ(m_trace.lines().size(), static_cast<size_t>(level > 1 ? level - 1 : 0) + (level > 3))
-        << level;
+    EXPECT_EQ(m_trace.lines().size(), static_cast<size_t>(c[3])) << c[0] << c[1] << c[2];
   }
-}
-
-TEST_F(TraceMacroTest, EntryLineGates) {
-  VelLoginDebug::m_coverage = true;
-  activate_tellu_debug_output = 6;
-  m_probe.entry();
-  EXPECT_TRUE(m_trace.lines().empty());
-  activate_tellu_debug_output = 7;
-  g_MsgTypeMaxThr = 3;
-  m_probe.entry();
-  EXPECT_TRUE(m_trace.lines().empty());
-  g_MsgTypeMaxThr = 4;
-  m_probe.entry();
-  EXPECT_EQ(texts(), (std::vector<std::string>{"[TRACE] Probe::entry: begin"}));
-  VelLoginDebug::m_coverage = false;
-  m_probe.entry();
-  EXPECT_EQ(m_trace.lines().size(), 1u);
-}
-
-TEST_F(TraceMacroTest, LongMessageIsCutToTheBufferSize) {
-  const std::string longText(10000, 'x');
-  m_probe.message(3, longText.c_str());
-  ASSERT_EQ(m_trace.lines().size(), 1u);
-  const std::string prefix = "[INFO] Probe::message: ";
-  EXPECT_EQ(texts()[0].size(), 5631u);
-  EXPECT_EQ(texts()[0], prefix + longText.substr(0, 5631 - prefix.size()));
 }
 
 // The label of an inherited method is the class of its first caller, for the
 // whole process; a constructor's is its own class.
 TEST_F(TraceMacroTest, LabelsNameTheFirstCallersClassOrTheConstructors) {
-  VelLoginDebug::m_coverage = true;
-  activate_tellu_debug_output = 7;
   VelLogin::SecondProbe second;
   VelLogin::FirstProbe first;
   second.inherited();
   first.inherited();
   VelLogin::ConstructedProbe constructed;
-  EXPECT_EQ(texts(),
+  EXPECT_EQ(m_trace.texts(),
             (std::vector<std::string>{"[TRACE] SecondProbe::inherited: begin",
                                       "[TRACE] SecondProbe::inherited: begin",
                                       "[TRACE] ConstructedProbe::ConstructedProbe: begin"}));

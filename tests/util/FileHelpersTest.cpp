@@ -8,18 +8,17 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "LoginStorage/platform/Durability.h"
-#include "util/FileSystem.h"
-#include "util/WholeFile.h"
 #include "LoginStorage/storage/Exception.h"
 #include "support/TempFolder.h"
+#include "util/FileSystem.h"
 #include "util/TemporaryFileName.h"
+#include "util/WholeFile.h"
 
-using testsupport::listFolder;
-using testsupport::readFileBytes;
-using testsupport::TempFolder;
+using namespace testsupport;
 using Lines = std::vector<std::string>;
 
 namespace {
@@ -30,12 +29,12 @@ int inChild(const std::function<int()>& body) {
   const pid_t child = ::fork();
   if (child == 0) ::_exit(body());
   int status = 0;
-  if (child < 0 || ::waitpid(child, &status, 0) != child) return -1;
+  if (::waitpid(child, &status, 0) != child) return -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 // false: plain writes; true: durable writes, with their flushes.
-class WriteFileTest : public ::testing::TestWithParam<bool> {
+class FileHelpersTest : public ::testing::TestWithParam<bool> {
  protected:
   void SetUp() override {
     VelLogin::setDurableWrites(GetParam());
@@ -50,16 +49,17 @@ class WriteFileTest : public ::testing::TestWithParam<bool> {
   TempFolder tmp;
 };
 
-INSTANTIATE_TEST_SUITE_P(Durability, WriteFileTest, ::testing::Bool());
+INSTANTIATE_TEST_SUITE_P(Durability, FileHelpersTest, ::testing::Bool());
 
-TEST_P(WriteFileTest, ReplacesWithAnOwnerOnlyFileAndLeavesNoTemporaryFile) {
+// A record is replaced by an owner-only file and no temporary file is left,
+// failed writes included. A record prepared for a reader in its group, or by
+// another user, must not lock that reader out when it is replaced.
+TEST_P(FileHelpersTest, ReplacesTheRecordKeepingItsPermissionBitsAndOwner) {
   const std::string bytes("\0\x01\xff rec\0", 8);
   VelLogin::writeFile(tmp / "rec", std::string(5000, 'o'));
   VelLogin::writeFile(tmp / "rec", bytes.data(), bytes.size());
-  EXPECT_EQ(readFileBytes(tmp / "rec"), bytes);
   EXPECT_EQ(VelLogin::readFile(tmp / "rec"), bytes);
   EXPECT_EQ(mode("rec"), 0600u);
-
   ASSERT_EQ(::mkdir((tmp / "sub").c_str(), 0700), 0);
   for (const std::string& path :
        {tmp / "sub", tmp.path() + "/", tmp / "no/rec", tmp / std::string("rec\0x", 5)}) {
@@ -67,12 +67,7 @@ TEST_P(WriteFileTest, ReplacesWithAnOwnerOnlyFileAndLeavesNoTemporaryFile) {
   }
   EXPECT_EQ(listFolder(tmp.path()), (Lines{"rec", "sub"}));
   EXPECT_EQ(readFileBytes(tmp / "rec"), bytes);
-}
 
-// A record prepared for a reader in its group, or by another user, must not
-// lock that reader out when it is replaced.
-TEST_P(WriteFileTest, ReplacingKeepsTheRecordsPermissionBitsAndOwner) {
-  VelLogin::writeFile(tmp / "rec", "old");
   for (mode_t prepared : {0640u, 0400u, 0604u}) {
     ASSERT_EQ(::chmod((tmp / "rec").c_str(), prepared | S_ISUID), 0);
     VelLogin::writeFile(tmp / "rec", "new");
@@ -88,35 +83,24 @@ TEST_P(WriteFileTest, ReplacingKeepsTheRecordsPermissionBitsAndOwner) {
   VelLogin::writeFile(tmp / "rec", "by root");
   struct stat info;
   ASSERT_EQ(::stat((tmp / "rec").c_str(), &info), 0);
-  EXPECT_EQ(info.st_uid, 4321u);
-  EXPECT_EQ(info.st_gid, 8765u);
+  EXPECT_EQ(std::make_pair(info.st_uid, info.st_gid), std::make_pair(4321u, 8765u));
 }
 
 // The two-step read must refuse exactly what readFile refuses, and read the
 // bytes in place, binary included, up to the size it reported (sizes beyond
 // 4 GiB are the folder suite's).
-TEST(WholeFileReaderTest, ReportsTheSizeReadsInPlaceAndRefusesNonFiles) {
-  TempFolder tmp;
-  const std::string bytes("\0\x01\xff rec\0", 8);
-  VelLogin::writeFile(tmp / "rec", bytes);
-  VelLogin::writeFile(tmp / "empty", "");
-  size_t got = 99;
-  {
+TEST_P(FileHelpersTest, WholeFileReaderReportsTheSizeReadsInPlaceAndRefusesNonFiles) {
+  for (const std::string& bytes : {std::string("\0\x01\xff rec\0", 8), std::string()}) {
+    VelLogin::writeFile(tmp / "rec", bytes);
     VelLogin::WholeFileReader file(tmp / "rec");
     ASSERT_TRUE(file.ok());
     ASSERT_EQ(file.size(), bytes.size());
-    std::string buffer(12, '#');
+    std::string buffer(bytes.size() + 4, '#');
+    size_t got = 99;
     EXPECT_TRUE(file.readInto(&buffer[0], &got));
     EXPECT_EQ(got, bytes.size());
     EXPECT_EQ(buffer, bytes + "####");
   }
-  VelLogin::WholeFileReader empty(tmp / "empty");
-  EXPECT_EQ(empty.size(), 0u);
-  char untouched = '#';
-  EXPECT_TRUE(empty.readInto(&untouched, &got));
-  EXPECT_EQ(got, 0u);
-  EXPECT_EQ(untouched, '#');
-
   ASSERT_EQ(::mkdir((tmp / "sub").c_str(), 0700), 0);
   ASSERT_EQ(::mkfifo((tmp / "fifo").c_str(), 0600), 0);
   for (const std::string& path :
@@ -127,38 +111,29 @@ TEST(WholeFileReaderTest, ReportsTheSizeReadsInPlaceAndRefusesNonFiles) {
 }
 
 // A name left by an earlier process of the same id is stepped over, and its
-// file left alone (this process has made fewer writes than that).
-TEST(WriteFileTemporaryNameTest, TakenNamesAreSteppedOver) {
-  TempFolder tmp;
+// file left alone (this process has made fewer writes than that). A writer
+// that exists but belongs to another user (pid 1, asked by nobody) is alive:
+// its file is not abandoned.
+TEST_P(FileHelpersTest, TakenTemporaryNamesAreSteppedOverAndOtherUsersWritersAlive) {
   for (unsigned n = 0; n < 100; ++n)
-    testsupport::writeFileBytes(tmp / VelLogin::temporary_file_name::make(::getpid(), n), "");
+    writeFileBytes(tmp / VelLogin::temporary_file_name::make(::getpid(), n), "");
   VelLogin::writeFile(tmp / "rec", "x");
   EXPECT_EQ(readFileBytes(tmp / "rec"), "x");
   EXPECT_EQ(listFolder(tmp.path()).size(), 101u);
+  const std::string writer = VelLogin::temporary_file_name::make(1, 1);
+  EXPECT_EQ(inChild([&] {
+              if (::geteuid() == 0 && ::setuid(65534) != 0) return 2;
+              return VelLogin::temporary_file_name::isAbandoned(writer.c_str()) ? 1 : 0;
+            }),
+            0);
 }
 
-// A writer that exists but belongs to another user (pid 1, asked by nobody)
-// is alive: its file is not abandoned.
-TEST(WriteFileTemporaryNameTest, AnotherUsersWriterIsAlive) {
-  EXPECT_EQ(
-      inChild([] {
-        if (::geteuid() == 0 && ::setuid(65534) != 0) return 2;
-        return VelLogin::temporary_file_name::isAbandoned(VelLogin::temporary_file_name::make(1, 1).c_str())
-                   ? 1
-                   : 0;
-      }),
-      0);
-}
-
-TEST(FolderHelpersTest, CreateTestAndFlushFolders) {
-  TempFolder tmp;
-  VelLogin::setDurableWrites(true);
+TEST_P(FileHelpersTest, FoldersAreMadeTestedAndFlushed) {
   for (const char* path : {"a/b/", "c//d", "e"}) {
     EXPECT_EQ(velDirCreate(tmp / path), 1) << path;
     EXPECT_EQ(velIsDir(tmp / path), 1) << path;
   }
-  VelLogin::setDurableWrites(false);
-  testsupport::writeFileBytes(tmp / "file", "x");
+  writeFileBytes(tmp / "file", "x");
   EXPECT_EQ(velIsDir(tmp / "file"), 0);
   EXPECT_EQ(velIsDir(tmp / std::string("e\0x", 3)), 0);
   EXPECT_TRUE(FsDirSync(tmp / "e"));
@@ -166,11 +141,9 @@ TEST(FolderHelpersTest, CreateTestAndFlushFolders) {
 
   // A folder at the top of the tree is flushed into "/" itself.
   if (::geteuid() != 0) GTEST_SKIP() << "chroot needs root";
-  EXPECT_EQ(inChild([&] {
-              VelLogin::setDurableWrites(true);
-              return ::chroot(tmp.path().c_str()) == 0 && velDirCreate("/x") == 1 ? 0 : 1;
-            }),
-            0);
+  EXPECT_EQ(
+      inChild([&] { return ::chroot(tmp.path().c_str()) == 0 && velDirCreate("/x") == 1 ? 0 : 1; }),
+      0);
   EXPECT_EQ(velIsDir(tmp / "x"), 1);
 }
 
