@@ -21,19 +21,15 @@ class ScriptedServer {
   ~ScriptedServer();
   ScriptedServer(const ScriptedServer&) = delete;
   ScriptedServer& operator=(const ScriptedServer&) = delete;
-
   unsigned port() const { return m_port; }
 
  private:
   void serve();
-  // Sends bytes, a byte per drip interval when there is one; false when the
-  // client went away or the server is stopping.
-  bool answer(int connection, const std::string& bytes);
 
   std::vector<std::string> m_replies;
   std::chrono::milliseconds m_drip;
-  int m_listener;
   unsigned m_port = 0;
+  int m_listener;
   std::atomic<bool> m_stopping{false};
   std::thread m_thread;
 };
