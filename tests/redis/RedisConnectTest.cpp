@@ -1,9 +1,10 @@
 // RedisStorage reaching a production-like server: with a password or an ACL
 // user, in a database of its own, over a unix socket, and through sentinels
 // that fail the master over to its replica while the same store object
-// keeps working.
+// keeps working; and reaching one that misbehaves.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -27,12 +28,11 @@ namespace {
 // thirty seconds.
 template <typename Condition>
 bool eventually(Condition condition) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) return false;
+  for (int attempt = 0; attempt < 600; ++attempt) {
+    if (condition()) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
-  return true;
+  return false;
 }
 
 TEST(RedisConnectTest, PasswordAclUserDatabaseAndUnixSocket) {
@@ -52,7 +52,6 @@ TEST(RedisConnectTest, PasswordAclUserDatabaseAndUnixSocket) {
   } cases[] = {
       {"password", "", "pw", 0, "", 0, ""},
       {"ACL user", "alice", "secret", 0, "", 0, ""},
-      {"database", "", "pw", 3, "", 0, ""},
       {"unix socket", "alice", "secret", 5, socket, 0, ""},
       {"no password", "", "", 0, "", 0, "SET failed: NOAUTH Authentication required."},
       {"wrong password", "alice", "pw", 0, "", 0,
@@ -116,9 +115,7 @@ TEST(RedisConnectTest, TheSameStoreFollowsAFailoverAndKeepsWhatReplicasConfirmed
   RedisStorage store(options);
   options.waitReplicas = 1;
   RedisStorage durable(options);
-  for (int i = 0; i < 20; ++i)
-    ASSERT_TRUE(writeRecord(durable, "k" + std::to_string(i), "confirmed"));
-  ASSERT_TRUE(writeRecord(store, "before", "x"));
+  ASSERT_TRUE(writeRecord(durable, "k", "confirmed") && writeRecord(store, "before", "x"));
   // A sentinel that names a replica is not believed.
   const std::string port = std::to_string(replica.port());
   testsupport::ScriptedServer liar(
@@ -134,16 +131,93 @@ TEST(RedisConnectTest, TheSameStoreFollowsAFailoverAndKeepsWhatReplicasConfirmed
     return writeRecord(store, "after", "y") && readRecord(store, "after") == "y";
   })) << store.lastError();
   EXPECT_NE(replica.command({"INFO", "replication"}).find("role:master"), std::string::npos);
-  EXPECT_EQ(store.getNumElements(), 22u);
-  for (int i = 0; i < 20; ++i) EXPECT_EQ(readRecord(store, "k" + std::to_string(i)), "confirmed");
-  EXPECT_EQ(readRecord(store, "before"), "x");
+  EXPECT_EQ(testsupport::drain(store),
+            (testsupport::Records{{"after", "y"}, {"before", "x"}, {"k", "confirmed"}}));
   // Its connection went down with the old master: the operation that finds
   // it closed fails, the next one asks the sentinels.
-  EXPECT_FALSE(durable.isInStorage("k0"));
+  EXPECT_FALSE(durable.isInStorage("k"));
   EXPECT_EQ(durable.lastError().rfind("EXISTS failed: ", 0), 0u) << durable.lastError();
   // The new master has no replica left: a write that must reach one fails.
   EXPECT_FALSE(writeRecord(durable, "lonely", "z"));
   EXPECT_EQ(durable.lastError(), "WAIT: 0 of 1 replicas confirmed the write in time");
+}
+
+// What the operation gave, as text: the record or "missing", "true" or
+// "false", the count, or "refused" or the records a walk delivered.
+std::string perform(char operation, VelLogin::RedisStorage& store) {
+  if (operation == 'g') return testsupport::readRecord(store, "k");
+  if (operation == 's') return store.setRaw("k", "v", 1, 0) ? "true" : "false";
+  if (operation == 'n') return std::to_string(store.getNumElements());
+  if (!store.startGetAll()) return "refused";
+  std::string records;
+  for (const auto& [key, bytes] : testsupport::drain(store, false)) records += key + "=" + bytes;
+  return records;
+}
+
+std::string scan(const std::string& cursor, const std::string& keys) {
+  return "*2\r\n$" + std::to_string(cursor.size()) + "\r\n" + cursor + "\r\n" + keys;
+}
+
+// A server that misbehaves: every operation returns within its deadline with
+// a false or empty result, the cause in lastError() and a trace line, and
+// nothing crashes or allocates what the server merely announces.
+TEST(RedisConnectTest, EveryMisbehaviourFailsCleanlyWithinTheDeadline) {
+  const std::string answered = "protocol error: SCAN answered ",
+                    notString = "a key that is not a string";
+  // Operation (get, set, number of elements, walk), the script, what the
+  // operation gives, and the cause in lastError().
+  const struct {
+    char operation;
+    std::vector<std::string> replies;
+    std::string result, error;
+    unsigned dripMs = 0;
+  } cases[] = {
+      {'g', {"hello\r\n"}, "missing", "protocol error: GET answered an unexpected byte 104"},
+      {'g', {"-ERR boom\r\n"}, "missing", "GET failed: ERR boom"},
+      {'g', {""}, "missing", "GET failed: connection closed by the server"},
+      {'g', {":1\r\n"}, "missing", "protocol error: GET answered neither a record nor nil"},
+      {'s', {"+QUEUED\r\n"}, "false", "protocol error: SET answered no OK"},
+      {'g', {"$2147483647\r\n"}, "missing",
+       "protocol error: GET answered a bulk string of 2147483647 bytes, above 536870912"},
+      {'g', {"$100000000\r\n"}, "missing", "timeout: GET not answered in time"},  // never sent
+      {'g', {"$5\r\nhello\r\n"}, "missing", "timeout: GET not answered in time", 250},
+      {'n', {"*2147483647\r\n"}, "0", answered + "an array of 2147483647 elements, above 10002"},
+      {'n', {scan("0", "*10001\r\n")}, "0", answered + "an array of 10001 elements, above 10002"},
+      {'n', {scan("5", "*0\r\n")}, "0", answered + "cursor 5 again and again"},
+      {'n', {scan("0", "*1\r\n$1\r\nx\r\n")}, "0", answered + "a key outside the prefix"},
+      {'n', {scan("0", "*1\r\n:1\r\n")}, "0", answered + notString},
+      {'n', {scan("0", "*1\r\n$-1\r\n")}, "0", answered + notString},
+      {'n', {scan("0", "*1\r\n*0\r\n")}, "0", answered + notString},
+      {'n', {scan("x", "*0\r\n")}, "0", answered + "a cursor that is not a number"},
+      {'n', {scan("7", "*2\r\n$3\r\np:a\r\n$3\r\np:b\r\n"), scan("0", "*1\r\n$3\r\np:a\r\n")},
+       "2", ""},
+      {'w', {scan("7", "*1\r\n$3\r\np:a\r\n"), "$1\r\nv\r\n", "-ERR boom\r\n"}, "a=v",
+       "SCAN failed: ERR boom"},
+  };
+  const auto deadline = std::chrono::milliseconds(300);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.replies));
+    testsupport::ScriptedServer server(c.replies, std::chrono::milliseconds(c.dripMs));
+    VelLogin::RedisOptions options;
+    options.port = server.port();
+    options.prefix = "p:";
+    options.timeoutMs = static_cast<unsigned>(deadline.count());
+    VelLogin::RedisStorage store(options);
+    testsupport::TraceCapture trace;
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(perform(c.operation, store), c.result);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, deadline + std::chrono::milliseconds(100));
+    EXPECT_EQ(store.lastError(), c.error);
+    const std::vector<std::string> lines = trace.messages();
+    EXPECT_TRUE(c.error.empty() || std::any_of(lines.begin(), lines.end(),
+                                               [&](const auto& line) {
+                                                 return line.rfind("[ERROR] ", 0) == 0 &&
+                                                        line.size() > c.error.size() &&
+                                                        line.compare(line.size() - c.error.size(),
+                                                                     c.error.size(), c.error) == 0;
+                                               }))
+        << "no trace line ends with the cause";
+  }
 }
 
 }  // namespace

@@ -33,9 +33,12 @@ unsigned freeLoopbackPort() {
 }
 
 RedisServer::RedisServer(std::vector<std::string> arguments, std::string password)
-    : m_port(freeLoopbackPort()), m_arguments(std::move(arguments)), m_password(std::move(password)) {
+    : m_port(freeLoopbackPort()), m_password(std::move(password)) {
   // A sentinel insists on a configuration file it may rewrite.
   writeFileBytes(m_folder / "redis.conf", "");
+  m_arguments = {"redis-server", m_folder / "redis.conf", "--port", std::to_string(m_port),
+                 "--bind", "127.0.0.1", "--save", "", "--appendonly", "no", "--dir", m_folder.path()};
+  m_arguments.insert(m_arguments.end(), arguments.begin(), arguments.end());
   restart();
 }
 
@@ -50,12 +53,8 @@ bool RedisServer::restart() {
   stop();
   // Everything the child needs is made before fork().
   const std::string log = m_folder / "server.log";
-  std::vector<std::string> arguments{"redis-server", m_folder / "redis.conf", "--port",
-                                     std::to_string(m_port), "--bind", "127.0.0.1", "--save", "",
-                                     "--appendonly", "no", "--dir", m_folder.path()};
-  arguments.insert(arguments.end(), m_arguments.begin(), m_arguments.end());
   std::vector<char*> argv;
-  for (std::string& argument : arguments) argv.push_back(argument.data());
+  for (std::string& argument : m_arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
   m_pid = ::fork();
   if (m_pid == 0) {

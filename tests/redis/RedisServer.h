@@ -23,8 +23,6 @@ class RedisServer {
   // password; started() is false when that failed (no redis-server).
   explicit RedisServer(std::vector<std::string> arguments = {}, std::string password = "");
   ~RedisServer() { stop(); }
-  RedisServer(const RedisServer&) = delete;
-  RedisServer& operator=(const RedisServer&) = delete;
 
   bool started() const { return m_pid > 0; }
   unsigned port() const { return m_port; }

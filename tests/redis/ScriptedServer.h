@@ -19,8 +19,6 @@ class ScriptedServer {
   explicit ScriptedServer(std::vector<std::string> replies,
                           std::chrono::milliseconds drip = std::chrono::milliseconds(0));
   ~ScriptedServer();
-  ScriptedServer(const ScriptedServer&) = delete;
-  ScriptedServer& operator=(const ScriptedServer&) = delete;
   unsigned port() const { return m_port; }
 
  private:
