@@ -3,12 +3,12 @@
 #include <arpa/inet.h>
 #include <hiredis/hiredis.h>
 #include <netinet/in.h>
+#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <thread>
 
 namespace testsupport {
@@ -37,7 +37,8 @@ RedisServer::RedisServer(std::vector<std::string> arguments, std::string passwor
   // A sentinel insists on a configuration file it may rewrite.
   writeFileBytes(m_folder / "redis.conf", "");
   m_arguments = {"redis-server", m_folder / "redis.conf", "--port", std::to_string(m_port),
-                 "--bind", "127.0.0.1", "--save", "", "--appendonly", "no", "--dir", m_folder.path()};
+                 "--bind", "127.0.0.1", "--save", "", "--appendonly", "no", "--dir", m_folder.path(),
+                 "--logfile", m_folder / "server.log"};
   m_arguments.insert(m_arguments.end(), arguments.begin(), arguments.end());
   restart();
 }
@@ -51,18 +52,10 @@ void RedisServer::stop(int signal) {
 
 bool RedisServer::restart() {
   stop();
-  // Everything the child needs is made before fork().
-  const std::string log = m_folder / "server.log";
   std::vector<char*> argv;
   for (std::string& argument : m_arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
-  m_pid = ::fork();
-  if (m_pid == 0) {
-    std::freopen(log.c_str(), "ab", stdout);
-    std::freopen(log.c_str(), "ab", stderr);
-    ::execvp("redis-server", argv.data());
-    ::_exit(127);
-  }
+  if (::posix_spawnp(&m_pid, "redis-server", nullptr, nullptr, argv.data(), environ) != 0) m_pid = 0;
   // Up to ten seconds for the server to answer; it usually takes a few ms.
   for (int attempt = 0; m_pid > 0 && attempt < 1000; ++attempt) {
     if (::waitpid(m_pid, nullptr, WNOHANG) == m_pid) m_pid = 0;
