@@ -29,7 +29,8 @@ class RedisServer {
   // With SIGKILL the server ends at once, as in a crash.
   void stop(int signal = SIGTERM);
   bool restart();
-  // A string, status or error reply as its bytes, an integer as ":N".
+  // A string reply as its bytes, a status as "+TEXT", an error as "-TEXT",
+  // an integer as ":N".
   std::string command(const std::vector<std::string>& args) const;
 
  private:

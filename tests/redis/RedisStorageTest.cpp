@@ -1,22 +1,30 @@
-// RedisStorage against a real server: the raw-store contract, keys under the
+// RedisStorage against real servers: the raw-store contract, keys under the
 // prefix, lifetimes, the SCAN walk, and what the store does when the server
-// is missing or restarted (a hostile one: RedisConnectTest).
+// is missing or restarted; reaching a production-like one (a password or an
+// ACL user, a database of its own, a unix socket, sentinels that fail the
+// master over to its replica while the same store object keeps working);
+// and one that misbehaves.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
 #include "LoginStorage/redis/RedisStorage.h"
 #include "RedisServer.h"
+#include "ScriptedServer.h"
 #include "support/RawStoreContract.h"
 #include "support/TraceCapture.h"
 
 using testsupport::drain;
 using testsupport::readRecord;
 using testsupport::Records;
+using testsupport::RedisServer;
 using testsupport::TraceCapture;
 using testsupport::writeRecord;
+using VelLogin::RedisOptions;
 using VelLogin::RedisStorage;
 using Lines = std::vector<std::string>;
 
@@ -133,6 +141,197 @@ TEST_F(RedisStorageTest, WalksScanAndRecoverWhenTheServerComesBack) {
   EXPECT_TRUE(writeRecord(redis, "a", "again"));
   EXPECT_EQ(readRecord(redis, "a"), "again");
   EXPECT_EQ(redis.getNumElements(), 1u);
+}
+
+// Polls a server's state while it settles; false when it has not within
+// thirty seconds.
+template <typename Condition>
+bool eventually(Condition condition) {
+  for (int attempt = 0; attempt < 600; ++attempt) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  return false;
+}
+
+TEST(RedisConnectTest, PasswordAclUserDatabaseAndUnixSocket) {
+  testsupport::TempFolder sockets;
+  const std::string socket = sockets / "redis.sock";
+  RedisServer server({"--requirepass", "pw", "--user", "alice", "on", ">secret", "~app:*", "+@all",
+                      "--unixsocket", socket, "--unixsocketperm", "700"},
+                     "pw");
+  if (!server.started()) GTEST_SKIP() << "redis-server could not be started";
+  const struct {
+    std::string user, password;
+    unsigned database;
+    std::string socket;  // when set, the host is one that does not resolve
+    unsigned port;       // 0: the server's
+    std::string error;   // empty: the record is stored and read back
+  } cases[] = {
+      {"", "pw", 0, "", 0, ""},
+      {"alice", "secret", 0, "", 0, ""},
+      {"alice", "secret", 5, socket, 0, ""},
+      {"", "", 0, "", 0, "SET failed: NOAUTH Authentication required."},
+      {"alice", "pw", 0, "", 0,
+       "AUTH failed: WRONGPASS invalid username-password pair or user is disabled."},
+      {"", "pw", 99, "", 0, "SELECT failed: ERR DB index is out of range"},
+      {"", "pw", 0, sockets / std::string(120, 's'), 0,
+       "cannot connect: unix socket path too long"},
+      {"", "pw", 0, "", 70000, "cannot connect: port 70000 out of range"},
+      {"", "pw", 0, "", testsupport::freeLoopbackPort(),
+       "cannot connect: Connection refused"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(&c - cases);
+    RedisOptions options;
+    options.port = c.port != 0 ? c.port : server.port();
+    if (!c.socket.empty()) options.host = "nowhere.invalid";
+    options.unixSocket = c.socket;
+    options.user = c.user;
+    options.password = c.password;
+    options.database = c.database;
+    options.prefix = "app:";
+    testsupport::TraceCapture trace;
+    RedisStorage store(options);
+    const std::string value = "from row " + std::to_string(&c - cases);
+    EXPECT_EQ(writeRecord(store, "k", value), c.error.empty());
+    EXPECT_EQ(store.lastError(), c.error);
+    if (!c.error.empty()) {
+      EXPECT_FALSE(store.startGetAll());  // an outage, not an empty store
+      EXPECT_EQ(store.getNumElements(), 0u);
+      EXPECT_EQ(store.lastError(),
+                c.error.substr(0, 4) == "SET " ? "SCAN" + c.error.substr(3) : c.error);
+      continue;
+    }
+    EXPECT_EQ(readRecord(store, "k"), value);
+    EXPECT_EQ(store.getNumElements(), 1u);
+    EXPECT_EQ(
+        server.command({"EVAL", "redis.call('SELECT', ARGV[1]) return redis.call('GET', KEYS[1])",
+                        "1", "app:k", std::to_string(c.database)}),
+        value);
+    EXPECT_TRUE(store.delAll());
+  }
+}
+
+TEST(RedisConnectTest, TheSameStoreFollowsAFailoverAndKeepsWhatReplicasConfirmed) {
+  RedisServer master;
+  if (!master.started()) GTEST_SKIP() << "redis-server could not be started";
+  const std::string masterPort = std::to_string(master.port());
+  RedisServer replica({"--replicaof", "127.0.0.1", masterPort});
+  RedisServer sentinel({"--sentinel", "--sentinel", "monitor", "logins", "127.0.0.1", masterPort,
+                        "1", "--sentinel", "down-after-milliseconds", "logins", "1000"});
+  ASSERT_TRUE(eventually([&] {
+    return sentinel.command({"INFO", "sentinel"}).find("slaves=1") != std::string::npos &&
+           master.command({"INFO", "replication"}).find("state=online") != std::string::npos;
+  }));
+  RedisOptions options;
+  // The first sentinel is down: the store asks the next.
+  options.sentinels = {{"127.0.0.1", testsupport::freeLoopbackPort()},
+                       {"127.0.0.1", sentinel.port()}};
+  options.masterName = "logins";
+  options.prefix = "app:";
+  RedisStorage store(options);
+  options.waitReplicas = 1;
+  RedisStorage durable(options);
+  ASSERT_TRUE(writeRecord(durable, "k", "confirmed") && writeRecord(store, "before", "x"));
+  // A sentinel that names a replica is not believed.
+  const std::string port = std::to_string(replica.port());
+  testsupport::ScriptedServer liar(
+      {"*2\r\n$9\r\n127.0.0.1\r\n$" + std::to_string(port.size()) + "\r\n" + port + "\r\n"});
+  options.sentinels = {{"127.0.0.1", liar.port()}};
+  RedisStorage misled(options);
+  EXPECT_FALSE(misled.isInStorage("before"));
+  EXPECT_EQ(misled.lastError(), "the server the sentinels name is a slave, not a master");
+
+  master.stop(SIGKILL);
+  testsupport::TraceCapture quiet;
+  ASSERT_TRUE(eventually([&] {
+    return writeRecord(store, "after", "y") && readRecord(store, "after") == "y";
+  })) << store.lastError();
+  EXPECT_NE(replica.command({"INFO", "replication"}).find("role:master"), std::string::npos);
+  EXPECT_EQ(testsupport::drain(store),
+            (testsupport::Records{{"after", "y"}, {"before", "x"}, {"k", "confirmed"}}));
+  // Its connection went down with the old master: the operation that finds
+  // it closed fails, the next one asks the sentinels.
+  EXPECT_FALSE(durable.isInStorage("k"));
+  EXPECT_EQ(durable.lastError().rfind("EXISTS failed: ", 0), 0u) << durable.lastError();
+  // The new master has no replica left: a write that must reach one fails.
+  EXPECT_FALSE(writeRecord(durable, "lonely", "z"));
+  EXPECT_EQ(durable.lastError(), "WAIT: 0 of 1 replicas confirmed the write in time");
+}
+
+// What the operation gave, as text: the record or "missing", "true" or
+// "false", the count, or "refused" or the records a walk delivered.
+std::string perform(char operation, VelLogin::RedisStorage& store) {
+  if (operation == 'g') return testsupport::readRecord(store, "k");
+  if (operation == 's') return store.setRaw("k", "v", 1, 0) ? "true" : "false";
+  if (operation == 'n') return std::to_string(store.getNumElements());
+  if (!store.startGetAll()) return "refused";
+  std::string records;
+  for (const auto& [key, bytes] : testsupport::drain(store, false)) records += key + "=" + bytes;
+  return records;
+}
+
+std::string scan(const std::string& cursor, const std::string& keys) {
+  return "*2\r\n$" + std::to_string(cursor.size()) + "\r\n" + cursor + "\r\n" + keys;
+}
+
+// A server that misbehaves: every operation returns within its deadline with
+// a false or empty result, the cause in lastError() and a trace line, and
+// nothing crashes or allocates what the server merely announces.
+TEST(RedisConnectTest, EveryMisbehaviourFailsCleanlyWithinTheDeadline) {
+  const std::string answered = "protocol error: SCAN answered ",
+                    notString = "a key that is not a string";
+  // Operation (get, set, number of elements, walk), the script, what the
+  // operation gives, and the cause in lastError().
+  const struct {
+    char operation;
+    std::vector<std::string> replies;
+    std::string result, error;
+    unsigned dripMs = 0;
+  } cases[] = {
+      {'g', {"hello\r\n"}, "missing", "protocol error: GET answered an unexpected byte 104"},
+      {'g', {"-ERR boom\r\n"}, "missing", "GET failed: ERR boom"},
+      {'g', {""}, "missing", "GET failed: connection closed by the server"},
+      {'g', {":1\r\n"}, "missing", "protocol error: GET answered neither a record nor nil"},
+      {'s', {"+QUEUED\r\n"}, "false", "protocol error: SET answered no OK"},
+      {'g', {"$2147483647\r\n"}, "missing",
+       "protocol error: GET answered a bulk string of 2147483647 bytes, above 536870912"},
+      {'g', {"$100000000\r\n"}, "missing", "timeout: GET not answered in time"},  // never sent
+      {'g', {"$5\r\nhello\r\n"}, "missing", "timeout: GET not answered in time", 250},
+      {'n', {"*2147483647\r\n"}, "0", answered + "an array of 2147483647 elements, above 10002"},
+      {'n', {scan("0", "*10001\r\n")}, "0", answered + "an array of 10001 elements, above 10002"},
+      {'n', {scan("5", "*0\r\n")}, "0", answered + "cursor 5 again and again"},
+      {'n', {scan("0", "*1\r\n$1\r\nx\r\n")}, "0", answered + "a key outside the prefix"},
+      {'n', {scan("0", "*1\r\n:1\r\n")}, "0", answered + notString},
+      {'n', {scan("0", "*1\r\n$-1\r\n")}, "0", answered + notString},
+      {'n', {scan("0", "*1\r\n*0\r\n")}, "0", answered + notString},
+      {'n', {scan("x", "*0\r\n")}, "0", answered + "a cursor that is not a number"},
+      {'n', {scan("7", "*2\r\n$3\r\np:a\r\n$3\r\np:b\r\n"), scan("0", "*1\r\n$3\r\np:a\r\n")},
+       "2", ""},
+      {'w', {scan("7", "*1\r\n$3\r\np:a\r\n"), "$1\r\nv\r\n", "-ERR boom\r\n"}, "a=v",
+       "SCAN failed: ERR boom"},
+  };
+  const auto deadline = std::chrono::milliseconds(300);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.replies));
+    testsupport::ScriptedServer server(c.replies, std::chrono::milliseconds(c.dripMs));
+    VelLogin::RedisOptions options;
+    options.port = server.port();
+    options.prefix = "p:";
+    options.timeoutMs = static_cast<unsigned>(deadline.count());
+    VelLogin::RedisStorage store(options);
+    testsupport::TraceCapture trace;
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(perform(c.operation, store), c.result);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, deadline + std::chrono::milliseconds(100));
+    EXPECT_EQ(store.lastError(), c.error);
+    std::string errors;  // the error lines, each ended by a newline
+    for (const std::string& line : trace.messages()) {
+      if (line.rfind("[ERROR] ", 0) == 0) errors += line + "\n";
+    }
+    EXPECT_EQ(errors.find(c.error + "\n") != std::string::npos, !c.error.empty()) << errors;
+  }
 }
 
 }  // namespace
