@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <memory>
 #include <thread>
 
 namespace testsupport {
@@ -37,8 +38,8 @@ RedisServer::RedisServer(std::vector<std::string> arguments, std::string passwor
   // A sentinel insists on a configuration file it may rewrite.
   writeFileBytes(m_folder / "redis.conf", "");
   m_arguments = {"redis-server", m_folder / "redis.conf", "--port", std::to_string(m_port),
-                 "--bind", "127.0.0.1", "--save", "", "--appendonly", "no", "--dir", m_folder.path(),
-                 "--logfile", m_folder / "server.log"};
+                 "--bind", "127.0.0.1", "--save", "", "--appendonly", "no",
+                 "--dir", m_folder.path(), "--logfile", m_folder / "server.log"};
   m_arguments.insert(m_arguments.end(), arguments.begin(), arguments.end());
   restart();
 }
@@ -55,7 +56,8 @@ bool RedisServer::restart() {
   std::vector<char*> argv;
   for (std::string& argument : m_arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
-  if (::posix_spawnp(&m_pid, "redis-server", nullptr, nullptr, argv.data(), environ) != 0) m_pid = 0;
+  if (::posix_spawnp(&m_pid, "redis-server", nullptr, nullptr, argv.data(), environ) != 0)
+    m_pid = 0;
   // Up to ten seconds for the server to answer; it usually takes a few ms.
   for (int attempt = 0; m_pid > 0 && attempt < 1000; ++attempt) {
     if (::waitpid(m_pid, nullptr, WNOHANG) == m_pid) m_pid = 0;
@@ -75,17 +77,15 @@ std::string run(redisContext* context, const std::vector<std::string>& args) {
     argv.push_back(arg.data());
     lengths.push_back(arg.size());
   }
-  auto* reply = static_cast<redisReply*>(
-      redisCommandArgv(context, static_cast<int>(argv.size()), argv.data(), lengths.data()));
+  const std::unique_ptr<redisReply, void (*)(void*)> reply(
+      static_cast<redisReply*>(
+          redisCommandArgv(context, static_cast<int>(argv.size()), argv.data(), lengths.data())),
+      freeReplyObject);
   if (reply == nullptr) return "(no reply)";
+  if (reply->type == REDIS_REPLY_INTEGER) return ":" + std::to_string(reply->integer);
   const std::string body = reply->str != nullptr ? std::string(reply->str, reply->len) : "";
-  const int type = reply->type;
-  const long long integer = reply->integer;
-  freeReplyObject(reply);
-  return type == REDIS_REPLY_INTEGER  ? ":" + std::to_string(integer)
-         : type == REDIS_REPLY_STATUS ? "+" + body
-         : type == REDIS_REPLY_ERROR  ? "-" + body
-                                      : body;
+  if (reply->type == REDIS_REPLY_STATUS) return "+" + body;
+  return reply->type == REDIS_REPLY_ERROR ? "-" + body : body;
 }
 
 }  // namespace
