@@ -1,6 +1,7 @@
 #include "ScriptedServer.h"
 
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,9 +15,11 @@ namespace testsupport {
 
 namespace {
 
-// Serves one connection after the other until the process is killed.
+// Serves one connection after the other until the process is killed, at
+// the latest with the test program, even one that crashed.
 [[noreturn]] void serve(int listener, const std::vector<std::string>& replies,
                         std::chrono::milliseconds drip) {
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
   size_t next = 0;
   char command[64 * 1024];
   for (;;) {
