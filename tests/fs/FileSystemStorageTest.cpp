@@ -7,10 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <functional>
 #include <map>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "LoginStorage/fs/FileSystemStorage.h"
@@ -22,7 +20,6 @@
 
 using testsupport::drain;
 using testsupport::listFolder;
-using testsupport::readFileBytes;
 using testsupport::readRecord;
 using testsupport::Records;
 using testsupport::TraceCapture;
@@ -85,7 +82,7 @@ TEST_F(FileSystemStorageTest, RecordIsExactlyItsBytesOnDiskAndNeverExpires) {
   testsupport::FakeClock::set(1000);
   ASSERT_TRUE(writeRecord(files, "bin", kBinary, 5));
   EXPECT_EQ(listFolder(tmp.path()), Lines{"bin"});
-  EXPECT_EQ(readFileBytes(tmp / "bin"), kBinary);
+  EXPECT_EQ(testsupport::readFileBytes(tmp / "bin"), kBinary);
   testsupport::FakeClock::advance(1000000);
   EXPECT_EQ(readRecord(files, "bin"), kBinary);
   testsupport::FakeClock::useRealTime();
@@ -97,13 +94,12 @@ TEST_F(FileSystemStorageTest, RecordIsExactlyItsBytesOnDiskAndNeverExpires) {
                                   "[TRACE] FileSystemStorage::getRaw: begin",
                                   "[WARNING] FileSystemStorage::getRaw: WARNING: data was not "
                                   "written, because len <9> is less then needed <11>"}));
-}
 
-TEST_F(FileSystemStorageTest, DeleteAfterSetWritesThenRemovesTheRecord) {
+  // A store that deletes after each write writes, then removes the record.
   FileSystemStorage once(tmp.path(), 0, false, true, 0);
-  TraceCapture trace(4);
+  trace.clear();
   EXPECT_TRUE(once.setRaw("k", "x", 1, 0));
-  EXPECT_EQ(listFolder(tmp.path()), Lines{});
+  EXPECT_EQ(listFolder(tmp.path()), Lines{"bin"});
   EXPECT_EQ(trace.messages(), Lines{"[ERROR] FileSystemStorage::del: " + where() +
                                     "SUCCESS in deleting record with key <k>"});
 }
@@ -117,26 +113,23 @@ TEST_F(FileSystemStorageTest, TemporaryFilesAreNoRecordsAndKilledWritersFilesGo)
   ASSERT_GE(gone, 0);
   if (gone == 0) ::_exit(0);
   ASSERT_EQ(::waitpid(gone, nullptr, 0), gone);
-  const std::string prefix = VelLogin::temporary_file_name::kPrefix;
-  const std::string left = prefix + std::to_string(gone) + "-7";
-  const std::string inFlight = prefix + std::to_string(::getpid()) + "-4000000";
+  using namespace VelLogin::temporary_file_name;
+  const std::string prefix = kPrefix, left = make(gone, 7), inFlight = make(::getpid(), 4000000);
   testsupport::writeFileBytes(tmp / left, "debris");
   testsupport::writeFileBytes(tmp / inFlight, "new bytes");
   testsupport::writeFileBytes(tmp / (prefix + "0-1"), "no writer has id 0");
   const Records records = {{prefix, "a"}, {prefix + "x-1", "b"}, {prefix + "1-2-3", "c"}};
   for (const auto& [key, bytes] : records) ASSERT_TRUE(writeRecord(files, key, bytes));
-  {
-    TraceCapture trace(4);
-    EXPECT_FALSE(writeRecord(files, prefix + "1-2", "hidden"));
-    EXPECT_EQ(trace.messages(), Lines{"[ERROR] FileSystemStorage::setRaw: ERROR: key <" + prefix +
-                                      "1-2> has the form of a temporary file"});
-  }
-
   EXPECT_EQ(drain(files), records);
   EXPECT_EQ(listFolder(tmp.path()), (Lines{prefix, prefix + "1-2-3", inFlight, prefix + "x-1"}));
   testsupport::writeFileBytes(tmp / left, "debris again");
   EXPECT_TRUE(files.delAll());
   EXPECT_EQ(listFolder(tmp.path()), Lines{inFlight});
+
+  TraceCapture trace(4);
+  EXPECT_FALSE(writeRecord(files, prefix + "1-2", "hidden"));
+  EXPECT_EQ(trace.messages(), Lines{"[ERROR] FileSystemStorage::setRaw: ERROR: key <" + prefix +
+                                    "1-2> has the form of a temporary file"});
 }
 
 // A record's length is an unsigned: a file of 4 GiB or more has none, and is
@@ -144,13 +137,11 @@ TEST_F(FileSystemStorageTest, TemporaryFilesAreNoRecordsAndKilledWritersFilesGo)
 // too see the true size. Sparse files cost no disk.
 TEST_F(FileSystemStorageTest, FilesOfGibibytesGiveTheirTrueSizeOrNone) {
   const struct {
-    const char* key;
+    const char *key, *read;  // read with capacity 100
     unsigned long long size;
-    const char* read;  // with capacity 100
-  } cases[] = {{"2GiB+1", (1ull << 31) + 1, "too long: 2147483649"},
-               {"4GiB-1", (1ull << 32) - 1, "too long: 4294967295"},
-               {"4GiB", 1ull << 32, "missing"},
-               {"4GiB+10", (1ull << 32) + 10, "missing"}};
+  } cases[] = {{"2GiB+1", "too long: 2147483649", (1ull << 31) + 1},
+               {"4GiB-1", "too long: 4294967295", (1ull << 32) - 1},
+               {"4GiB", "missing", 1ull << 32}, {"4GiB+10", "missing", (1ull << 32) + 10}};
   for (const auto& c : cases) {
     ASSERT_TRUE(testsupport::makeSparseFile(tmp / c.key, c.size));
     TraceCapture trace(4);
@@ -161,8 +152,8 @@ TEST_F(FileSystemStorageTest, FilesOfGibibytesGiveTheirTrueSizeOrNone) {
                                         "> VelLogin::readFile failed to read file: " + c.key});
     }
   }
-  ASSERT_TRUE(files.del("2GiB+1") && files.del("4GiB-1"));  // readable, but not in memory
-  ASSERT_TRUE(writeRecord(files, "a", "x"));
+  // Readable, but not in memory: gone before the iteration.
+  ASSERT_TRUE(files.del("2GiB+1") && files.del("4GiB-1") && writeRecord(files, "a", "x"));
   EXPECT_EQ(drain(files), (Records{{"a", "x"}}));
 }
 
@@ -190,32 +181,20 @@ TEST_F(FileSystemStorageTest, WriteBeyondTheFileSizeLimitFailsAndTheProcessLives
   EXPECT_EQ(listFolder(tmp.path()), Lines{"k"});
 }
 
+// Every way in and out of a file or a listing, failed or not, closes it.
 TEST_F(FileSystemStorageTest, NoOperationLeavesADescriptorOpen) {
   ASSERT_TRUE(writeRecord(files, "a", "12"));
-  const std::vector<std::pair<const char*, std::function<void()>>> operations = {
-      {"read", [&] { readRecord(files, "a"); }},
-      {"read too long", [&] { readRecord(files, "a", 1); }},
-      {"read missing", [&] { readRecord(files, "missing"); }},
-      {"write", [&] { writeRecord(files, "c", "3"); }},
-      {"failed write", [&] { writeRecord(files, "no/such", "3"); }},
-      {"iteration to the end", [&] { drain(files); }},
-      {"iteration ended early",
-       [&] {
-         files.startGetAll();
-         files.endGetAll();
-       }},
-      {"iteration ended by destruction",
-       [&] {
-         FileSystemStorage other(tmp.path(), 0, false, false, 0);
-         other.startGetAll();
-       }},
-      {"delAll", [&] { files.delAll(); }},
-  };
-  for (const auto& [name, operation] : operations) {
-    const size_t before = openDescriptors();
-    operation();
-    EXPECT_EQ(openDescriptors(), before) << name;
-  }
+  const size_t before = openDescriptors();
+  EXPECT_EQ(readRecord(files, "a", 1), "too long: 2");
+  EXPECT_EQ(readRecord(files, "missing"), "missing");
+  EXPECT_TRUE(writeRecord(files, "c", "3"));
+  EXPECT_FALSE(writeRecord(files, "no/such", "3"));
+  EXPECT_EQ(drain(files).size(), 2u);
+  EXPECT_TRUE(files.startGetAll());
+  files.endGetAll();
+  EXPECT_TRUE(FileSystemStorage(tmp.path(), 0, false, false, 0).startGetAll());  // ended by its end
+  EXPECT_TRUE(files.delAll());
+  EXPECT_EQ(openDescriptors(), before);
 }
 
 }  // namespace

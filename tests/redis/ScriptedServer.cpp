@@ -1,74 +1,57 @@
 #include "ScriptedServer.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <thread>
+
+#include "RedisServer.h"
 
 namespace testsupport {
 
 namespace {
 
-// How often the thread looks whether it is to stop.
-constexpr int kPollMs = 20;
-
-bool readable(int fd) {
-  pollfd target{fd, POLLIN, 0};
-  return ::poll(&target, 1, kPollMs) > 0;
+// Serves one connection after the other until the process is killed, at
+// the latest with the test program, even one that crashed.
+[[noreturn]] void serve(int listener, const std::vector<std::string>& replies,
+                        std::chrono::milliseconds drip) {
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  size_t next = 0;
+  char command[64 * 1024];
+  for (;;) {
+    const int connection = ::accept(listener, nullptr, nullptr);
+    for (bool open = true; open && ::recv(connection, command, sizeof command, 0) > 0;) {
+      const std::string& reply = replies[std::min(next++, replies.size() - 1)];
+      open = !reply.empty();
+      // A drip sends a byte per interval: the pace of a slow server.
+      const size_t step = drip.count() == 0 ? reply.size() : 1;
+      for (size_t sent = 0; open && sent < reply.size(); sent += step) {
+        open = ::send(connection, reply.data() + sent, step, MSG_NOSIGNAL) ==
+               static_cast<ssize_t>(step);
+        std::this_thread::sleep_for(drip);
+      }
+    }
+    ::close(connection);
+  }
 }
 
 }  // namespace
 
-ScriptedServer::ScriptedServer(std::vector<std::string> replies, std::chrono::milliseconds drip)
-    : m_replies(std::move(replies)), m_drip(drip), m_listener(::socket(AF_INET, SOCK_STREAM, 0)) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  ::bind(m_listener, reinterpret_cast<sockaddr*>(&address), size);
-  ::listen(m_listener, 8);
-  ::getsockname(m_listener, reinterpret_cast<sockaddr*>(&address), &size);
-  m_port = ntohs(address.sin_port);
-  m_thread = std::thread([this] { serve(); });
+ScriptedServer::ScriptedServer(const std::vector<std::string>& replies,
+                               std::chrono::milliseconds drip) {
+  const int listener = loopbackListener(&m_port);
+  m_pid = ::fork();
+  if (m_pid == 0) serve(listener, replies, drip);
+  ::close(listener);
 }
 
 ScriptedServer::~ScriptedServer() {
-  m_stopping = true;
-  m_thread.join();
-  ::close(m_listener);
-}
-
-bool ScriptedServer::answer(int connection, const std::string& bytes) {
-  if (m_drip.count() == 0) {
-    return ::send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-           static_cast<ssize_t>(bytes.size());
-  }
-  for (char byte : bytes) {
-    if (m_stopping || ::send(connection, &byte, 1, MSG_NOSIGNAL) != 1) return false;
-    // The pace of the drip, not a wait for a result.
-    std::this_thread::sleep_for(m_drip);
-  }
-  return true;
-}
-
-void ScriptedServer::serve() {
-  size_t next = 0;
-  while (!m_stopping) {
-    if (!readable(m_listener)) continue;
-    const int connection = ::accept(m_listener, nullptr, nullptr);
-    if (connection < 0) continue;
-    char command[64 * 1024];
-    bool open = true;
-    while (open && !m_stopping) {
-      if (!readable(connection)) continue;
-      if (::recv(connection, command, sizeof command, 0) <= 0) break;
-      const std::string& reply = m_replies[next < m_replies.size() ? next : m_replies.size() - 1];
-      ++next;
-      open = !reply.empty() && answer(connection, reply);
-    }
-    ::close(connection);
-  }
+  ::kill(m_pid, SIGKILL);
+  ::waitpid(m_pid, nullptr, 0);
 }
 
 }  // namespace testsupport

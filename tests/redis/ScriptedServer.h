@@ -1,4 +1,4 @@
-// A hostile stand-in for a Redis server: a thread listening on a free
+// A hostile stand-in for a Redis server: a child process listening on a free
 // loopback port that answers each command it receives (one read of the
 // socket) with the next reply of a script, the last one again once the
 // script is through, whatever the command. An empty reply closes the
@@ -6,36 +6,24 @@
 #ifndef LOGINSTORAGE_TESTS_REDIS_SCRIPTEDSERVER_H
 #define LOGINSTORAGE_TESTS_REDIS_SCRIPTEDSERVER_H
 
-#include <atomic>
+#include <sys/types.h>
+
 #include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace testsupport {
 
 class ScriptedServer {
  public:
-  explicit ScriptedServer(std::vector<std::string> replies,
+  explicit ScriptedServer(const std::vector<std::string>& replies,
                           std::chrono::milliseconds drip = std::chrono::milliseconds(0));
   ~ScriptedServer();
-  ScriptedServer(const ScriptedServer&) = delete;
-  ScriptedServer& operator=(const ScriptedServer&) = delete;
-
   unsigned port() const { return m_port; }
 
  private:
-  void serve();
-  // Sends bytes, a byte per drip interval when there is one; false when the
-  // client went away or the server is stopping.
-  bool answer(int connection, const std::string& bytes);
-
-  std::vector<std::string> m_replies;
-  std::chrono::milliseconds m_drip;
-  int m_listener;
   unsigned m_port = 0;
-  std::atomic<bool> m_stopping{false};
-  std::thread m_thread;
+  pid_t m_pid;
 };
 
 }  // namespace testsupport
