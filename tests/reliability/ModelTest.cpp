@@ -10,7 +10,6 @@
 
 #include <climits>
 #include <cstdint>
-#include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -18,6 +17,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "LoginStorage/LoginStorage.h"
@@ -44,7 +44,7 @@ enum Kind { Set, SetNull, Get, Del, DelAll, Cleanup, Backing, Iterate, Release, 
 
 struct Step {
   Kind kind;
-  unsigned key;    // into the target's key pool; for Release into the kept objects
+  unsigned key;    // into kKeys; for Release into the kept objects
   uint32_t value;  // Set: payload (0: the object refuses to serialise); Tick: seconds;
                    // Get: non-zero when the caller keeps the object
 };
@@ -95,7 +95,8 @@ struct ExpiringTable {
   std::map<std::string, Record> records;
   Counters counters;
 
-  ExpiringTable(long lifetimeArg, unsigned thresholdArg)
+  // The backing store's settings (the last two) are the cache model's.
+  ExpiringTable(long lifetimeArg, unsigned thresholdArg, long = 0, unsigned = 0)
       : lifetime(lifetimeArg), threshold(thresholdArg) {}
   void put(const std::string& key, uint64_t serial, uint32_t payload, long now) {
     records[key] = Record{saturatingAdd(now, lifetime), serial, payload};
@@ -121,31 +122,18 @@ struct MemModel : ExpiringTable<MemStorage::Counters> {
   using ExpiringTable::ExpiringTable;
   std::optional<Record> get(const std::string& key, long now) {
     auto it = records.find(key);
-    if (it == records.end()) {
-      ++counters.misses;
-      return std::nullopt;
-    }
-    if (now > it->second.expiry) {
-      records.erase(it);
-      ++counters.expiredOnRead;
-      return std::nullopt;
-    }
-    ++counters.hits;
+    const bool found = it != records.end(), expired = found && now > it->second.expiry;
+    ++(expired ? counters.expiredOnRead : found ? counters.hits : counters.misses);
+    if (expired) records.erase(it);
+    if (!found || expired) return std::nullopt;
     return it->second;
   }
   bool set(const std::string& key, uint64_t serial, uint32_t payload, long now) {
-    put(key, serial, payload, now);
-    return true;
+    return put(key, serial, payload, now), true;
   }
   void setNull(long) {}
-  bool del(const std::string& key) {
-    records.erase(key);
-    return true;
-  }
-  bool delAll() {
-    records.clear();
-    return true;
-  }
+  bool del(const std::string& key) { return records.erase(key), true; }
+  bool delAll() { return records.clear(), true; }
   bool isInStorage(const std::string& key) const { return records.count(key) != 0; }
   unsigned count() const { return static_cast<unsigned>(records.size()); }
 };
@@ -154,21 +142,19 @@ struct MemModel : ExpiringTable<MemStorage::Counters> {
 // rebuilds a new object, and a write fails for a key that is no plain file
 // name or for an object that cannot make its image.
 struct DiskModel {
+  DiskModel(long, unsigned) {}
   std::map<std::string, uint32_t> files;
   std::optional<Record> get(const std::string& key, long) const {
     auto it = files.find(key);
     return it == files.end() ? std::nullopt : std::optional<Record>(Record{0, 0, it->second});
   }
   bool set(const std::string& key, uint64_t, uint32_t payload, long) {
-    if (!FileSystemStorage::isPlainKey(key) || payload == 0) return false;
-    files[key] = payload;
-    return true;
+    const bool stored = FileSystemStorage::isPlainKey(key) && payload != 0;
+    if (stored) files[key] = payload;
+    return stored;
   }
   bool del(const std::string& key) { return files.erase(key) != 0; }
-  bool delAll() {
-    files.clear();
-    return true;
-  }
+  bool delAll() { return files.clear(), true; }
   bool isInStorage(const std::string& key) const { return files.count(key) != 0; }
   unsigned count() const { return 0; }
   void addSerials(std::set<uint64_t>&) const {}
@@ -181,8 +167,9 @@ struct DiskModel {
 template <typename Backing>
 struct CacheModel : ExpiringTable<CacheStorage::Counters> {
   Backing backing;
-  CacheModel(long lifetimeArg, unsigned thresholdArg, Backing backingArg)
-      : ExpiringTable(lifetimeArg, thresholdArg), backing(std::move(backingArg)) {}
+  CacheModel(long lifetimeArg, unsigned thresholdArg, long backingLifetime,
+             unsigned backingThreshold)
+      : ExpiringTable(lifetimeArg, thresholdArg), backing(backingLifetime, backingThreshold) {}
 
   std::optional<Record> get(const std::string& key, long now) {
     cleanup(now);
@@ -202,21 +189,13 @@ struct CacheModel : ExpiringTable<CacheStorage::Counters> {
   void setNull(long now) { cleanup(now); }
   bool set(const std::string& key, uint64_t serial, uint32_t payload, long now) {
     cleanup(now);
-    if (!backing.set(key, serial, payload, now)) {
-      ++counters.writeThroughsRefused;
-      return false;
-    }
-    put(key, serial, payload, now);
-    return true;
+    const bool accepted = backing.set(key, serial, payload, now);
+    if (accepted) put(key, serial, payload, now);
+    counters.writeThroughsRefused += !accepted;
+    return accepted;
   }
-  bool del(const std::string& key) {
-    records.erase(key);
-    return backing.del(key);
-  }
-  bool delAll() {
-    records.clear();
-    return backing.delAll();
-  }
+  bool del(const std::string& key) { return records.erase(key), backing.del(key); }
+  bool delAll() { return records.clear(), backing.delAll(); }
   bool isInStorage(const std::string& key) const {
     return records.count(key) != 0 || backing.isInStorage(key);
   }
@@ -239,36 +218,52 @@ void check(std::ostream& diff, const char* what, const T& got, const T& expected
   if (got != expected) diff << what << " gave " << got << ", expected " << expected << "; ";
 }
 
-// One store under test with its model. step() applies a step to both and
-// returns what differs ("" when nothing does).
-class Target {
- public:
-  virtual ~Target() = default;
-  virtual std::string step(const Step& s) = 0;
-  std::vector<std::string> keys{"a", "b", "c", "d", "", "no/such"};
+const std::vector<std::string> kKeys{"a", "b", "c", "d", "", "no/such"};
 
- protected:
-  // Applies s to store and model, then compares the results, the counters,
-  // the count, every key's presence and the live objects.
-  template <typename Store, typename Model>
-  std::string commonStep(Store& store, Model& model, const Step& s) {
-    const std::string& key = keys[s.key % keys.size()];
+// One store under test with its model: MemStorage, a cache over a MemStorage
+// (backing set) or a cache over a folder (folder set). After each step it
+// compares the results, the counters, the count, every key's presence, the
+// live objects and, for a folder, the files.
+template <typename Store, typename Model>
+class Checked {
+ public:
+  explicit Checked(const Config& c)
+      : m_model(c.lifetime, c.threshold, c.backingLifetime, c.backingThreshold) {
+    if constexpr (std::is_same_v<Model, MemModel>) {
+      m_store.reset(new MemStorage(c.lifetime, c.threshold));
+    } else if constexpr (std::is_same_v<Model, CacheModel<MemModel>>) {
+      m_backing = new MemStorage(c.backingLifetime, c.backingThreshold);
+      m_store.reset(new CacheStorage(m_backing, c.lifetime, c.threshold));
+    } else {
+      m_folder.emplace();
+      m_store.reset(new CacheStorage(
+          new ObjectStorage(new FileSystemStorage(m_folder->path(), 0, false, false, 0),
+                            &Item::fromBytes),
+          c.lifetime, c.threshold));
+    }
+  }
+
+  // Applies s to the store and its model; returns what differs ("" when
+  // nothing does).
+  std::string step(const Step& s) {
+    Store& store = *m_store;
+    const std::string& key = kKeys[s.key % kKeys.size()];
     const long now = static_cast<long>(FakeClock::now());
     std::ostringstream diff;
     switch (s.kind) {
       case Set: {
         Ptr item = Item::make(key, s.value);
         check(diff, "set", store.set(item, s.value % 7),
-              model.set(key, Item::of(item)->serial(), s.value, now));
+              m_model.set(key, Item::of(item)->serial(), s.value, now));
         break;
       }
       case SetNull:
-        model.setNull(now);
+        m_model.setNull(now);
         check(diff, "set of null", store.set(Ptr(), 0), false);
         break;
       case Get: {
         const uint64_t madeBefore = Item::made;
-        const std::optional<Record> expected = model.get(key, now);
+        const std::optional<Record> expected = m_model.get(key, now);
         const Ptr got = store.get(key, nullptr);
         std::optional<Record> seen;
         if (got) {
@@ -278,117 +273,84 @@ class Target {
         check(diff, "get", show(seen), show(expected));
         // A read-through of a folder makes a new object: the cache holds that.
         if (got && expected && expected->serial == 0) {
-          model.records[key].serial = Item::of(got)->serial();
+          m_model.records[key].serial = Item::of(got)->serial();
         }
         if (got && s.value != 0) m_kept.push_back(got);
         break;
       }
       case Del:
-        check(diff, "del", store.del(key), model.del(key));
+        check(diff, "del", store.del(key), m_model.del(key));
         break;
       case DelAll:
-        check(diff, "delAll", store.delAll(), model.delAll());
+        check(diff, "delAll", store.delAll(), m_model.delAll());
         break;
       case Cleanup:
         store.cleanup();
-        model.cleanup(now);
+        m_model.cleanup(now);
         break;
-      case Reset:
-        store.resetCounters();
-        model.counters = {};
+      case Backing:
+        if constexpr (std::is_same_v<Model, CacheModel<MemModel>>) {
+          m_backing->cleanup();
+          m_model.backing.cleanup(now);
+        }
+        break;
+      case Iterate:
+        diff << iterate();
         break;
       case Release:
         if (!m_kept.empty()) m_kept.erase(m_kept.begin() + s.key % m_kept.size());
         break;
+      case Reset:
+        store.resetCounters();
+        m_model.counters = {};
+        break;
       case Tick:
         FakeClock::advance(static_cast<long>(s.value));
         break;
-      default:
-        break;  // the targets with a backing store or an iteration handle the rest
     }
-    check(diff, "counters", fields(store.counters()), fields(model.counters));
-    check(diff, "getNumElements", store.getNumElements(), model.count());
-    for (const std::string& each : keys) {
-      if (store.isInStorage(each) != model.isInStorage(each))
+    check(diff, "counters", fields(store.counters()), fields(m_model.counters));
+    check(diff, "getNumElements", store.getNumElements(), m_model.count());
+    for (const std::string& each : kKeys) {
+      if (store.isInStorage(each) != m_model.isInStorage(each))
         diff << "isInStorage(" << each << "); ";
     }
     // Exactly the objects that the stores (by the model) and the caller hold
     // are alive.
     std::set<uint64_t> held;
-    model.addSerials(held);
+    m_model.addSerials(held);
     for (const Ptr& object : m_kept) held.insert(Item::of(object)->serial());
     check(diff, "live objects", Item::live, static_cast<long>(held.size()));
-    return diff.str();
-  }
-  std::vector<Ptr> m_kept;  // objects the caller goes on holding
-};
-
-class MemTarget : public Target {
- public:
-  explicit MemTarget(const Config& c)
-      : m_store(c.lifetime, c.threshold), m_model(c.lifetime, c.threshold) {}
-  std::string step(const Step& s) override { return commonStep(m_store, m_model, s); }
-
- private:
-  MemStorage m_store;
-  MemModel m_model;
-};
-
-class CachedMemTarget : public Target {
- public:
-  explicit CachedMemTarget(const Config& c)
-      : m_backing(new MemStorage(c.backingLifetime, c.backingThreshold)),
-        m_store(m_backing, c.lifetime, c.threshold),
-        m_model(c.lifetime, c.threshold, MemModel(c.backingLifetime, c.backingThreshold)) {}
-  std::string step(const Step& s) override {
-    if (s.kind == Backing) {
-      m_backing->cleanup();
-      m_model.backing.cleanup(static_cast<long>(FakeClock::now()));
+    if constexpr (std::is_same_v<Model, CacheModel<MemModel>>) {
+      check(diff, "backing counters", fields(m_backing->counters()),
+            fields(m_model.backing.counters));
+    } else if constexpr (std::is_same_v<Model, CacheModel<DiskModel>>) {
+      std::vector<std::string> names;
+      for (const auto& file : m_model.backing.files) names.push_back(file.first);
+      if (testsupport::listFolder(m_folder->path()) != names)
+        diff << "the folder lists other files";
     }
-    std::ostringstream diff;
-    diff << commonStep(m_store, m_model, s);
-    check(diff, "backing counters", fields(m_backing->counters()),
-          fields(m_model.backing.counters));
     return diff.str();
-  }
-
-  MemStorage* m_backing;  // owned by m_store
-  CacheStorage m_store;
-  CacheModel<MemModel> m_model;
-};
-
-class CachedFolderTarget : public Target {
- public:
-  explicit CachedFolderTarget(const Config& c)
-      : m_store(new ObjectStorage(new FileSystemStorage(m_tmp.path(), 0, false, false, 0),
-                                  &Item::fromBytes),
-                c.lifetime, c.threshold),
-        m_model(c.lifetime, c.threshold, DiskModel()) {}
-  std::string step(const Step& s) override {
-    std::string diff = (s.kind == Iterate ? iterate() : "") + commonStep(m_store, m_model, s);
-    // The folder holds exactly the model's files.
-    std::vector<std::string> names;
-    for (const auto& file : m_model.backing.files) names.push_back(file.first);
-    if (testsupport::listFolder(m_tmp.path()) != names) diff += "the folder lists other files";
-    return diff;
   }
 
  private:
   // The iteration bypasses the cache: it yields every file's object once.
   std::string iterate() {
     std::map<std::string, uint32_t> got;
-    if (!m_store.startGetAll()) return "startGetAll failed";
-    while (Ptr item = m_store.getNext()) got.emplace(item->getKey(), Item::of(item)->payload());
-    m_store.endGetAll();
-    return got == m_model.backing.files ? "" : "the iteration yielded other objects";
+    if constexpr (std::is_same_v<Model, CacheModel<DiskModel>>) {
+      if (!m_store->startGetAll()) return "startGetAll failed";
+      while (Ptr item = m_store->getNext()) got.emplace(item->getKey(), Item::of(item)->payload());
+      m_store->endGetAll();
+      if (got != m_model.backing.files) return "the iteration yielded other objects";
+    }
+    return "";
   }
 
-  testsupport::TempFolder m_tmp;
-  CacheStorage m_store;
-  CacheModel<DiskModel> m_model;
+  std::optional<testsupport::TempFolder> m_folder;  // outlives the store
+  MemStorage* m_backing = nullptr;                  // owned by the cache
+  std::unique_ptr<Store> m_store;
+  Model m_model;
+  std::vector<Ptr> m_kept;  // objects the caller goes on holding
 };
-
-using Factory = std::function<std::unique_ptr<Target>(const Config&)>;
 
 Config randomConfig(Random& random) {
   static const long lifetimes[] = {-1, 0, 1, 2, 5, 30, LONG_MAX};
@@ -415,20 +377,20 @@ Step randomStep(Random& random) {
 
 // Runs random sequences of random length on fresh targets, from the start
 // time, until total steps were checked or one differs from the model.
-void explore(const char* name, uint64_t seed, unsigned total, const Factory& make) {
+template <typename T>
+void explore(const char* name, uint64_t seed, unsigned total) {
   Random random(seed);
   uint64_t checked = 0;
   unsigned runs = 0;
   for (std::string why; checked < total && why.empty(); ++runs) {
     const Config config = randomConfig(random);
     FakeClock::set(kStart);
-    std::unique_ptr<Target> target = make(config);
+    T target(config);
     std::ostringstream steps;
     for (unsigned n = 50 + random.below(250); n > 0 && why.empty(); --n, ++checked) {
       const Step s = randomStep(random);
-      steps << " " << s.kind << " '" << target->keys[s.key % target->keys.size()] << "' " << s.value
-            << ";";
-      why = target->step(s);
+      steps << " " << s.kind << " '" << kKeys[s.key % kKeys.size()] << "' " << s.value << ";";
+      why = target.step(s);
     }
     EXPECT_EQ(why, "") << name << " differs from its model (LOGINSTORAGE_SEED=" << seed
                        << " replays it; run " << runs + 1 << "), store lifetime " << config.lifetime
@@ -449,19 +411,19 @@ class ModelTest : public ::testing::Test {
 };
 
 TEST_F(ModelTest, MemStorageFollowsItsModel) {
-  explore("MemStorage", reliability::seed(20240611), reliability::scaled(3000000),
-          [](const Config& c) { return std::unique_ptr<Target>(new MemTarget(c)); });
+  explore<Checked<MemStorage, MemModel>>("MemStorage", reliability::seed(20240611),
+                                         reliability::scaled(3000000));
 }
 
 TEST_F(ModelTest, CacheOverMemStorageFollowsItsModel) {
-  explore("CacheStorage over MemStorage", reliability::seed(20240612), reliability::scaled(3000000),
-          [](const Config& c) { return std::unique_ptr<Target>(new CachedMemTarget(c)); });
+  explore<Checked<CacheStorage, CacheModel<MemModel>>>(
+      "CacheStorage over MemStorage", reliability::seed(20240612), reliability::scaled(3000000));
 }
 
 TEST_F(ModelTest, CacheOverFolderFollowsItsModel) {
-  explore("CacheStorage over ObjectStorage over FileSystemStorage", reliability::seed(20240613),
-          reliability::scaled(30000),
-          [](const Config& c) { return std::unique_ptr<Target>(new CachedFolderTarget(c)); });
+  explore<Checked<CacheStorage, CacheModel<DiskModel>>>(
+      "CacheStorage over ObjectStorage over FileSystemStorage", reliability::seed(20240613),
+      reliability::scaled(30000));
 }
 
 }  // namespace
