@@ -4,7 +4,6 @@
 // caller did not ask for. The tests run as root, so they fail writes with
 // mechanisms that stop root too: a file-size limit, a removed folder,
 // immutable files and folders.
-#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
@@ -16,7 +15,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <functional>
 #include <iterator>
 #include <memory>
 #include <sstream>
@@ -24,18 +22,17 @@
 #include <vector>
 
 #include "LoginStorage/LoginStorage.h"
-#include "reliability/Reliability.h"
 #include "support/Records.h"
 #include "support/TempFolder.h"
+#include "support/TestItem.h"
 #include "support/TraceCapture.h"
 #include "util/TemporaryFileName.h"
 
-using reliability::Item;
 using testsupport::drain;
 using testsupport::listFolder;
+using testsupport::makeItem;
 using testsupport::readFileBytes;
 using testsupport::readRecord;
-using testsupport::Records;
 using testsupport::TempFolder;
 using testsupport::TraceCapture;
 using testsupport::writeFileBytes;
@@ -44,7 +41,6 @@ using VelLogin::AbstractObjectStorage;
 using VelLogin::CacheStorage;
 using VelLogin::FileSystemStorage;
 using VelLogin::ObjectStorage;
-using VelLogin::temporary_file_name::kPrefix;
 using Lines = std::vector<std::string>;
 
 namespace {
@@ -160,28 +156,21 @@ class HostileInputTest : public ::testing::Test {
   const std::string path = outer / "store";
 };
 
-// The object stores over a folder.
-struct FolderStack {
-  const char* name;
-  std::function<AbstractObjectStorage*(AbstractObjectStorage* objects)> wrap;
-};
-const FolderStack kFolderStacks[] = {
-    {"ObjectStorage over FileSystemStorage", [](AbstractObjectStorage* s) { return s; }},
-    {"CacheStorage over that", [](AbstractObjectStorage* s) { return new CacheStorage(s, 60, 0); }},
-};
-
-std::unique_ptr<AbstractObjectStorage> makeStack(const FolderStack& stack,
-                                                 const std::string& path) {
-  return std::unique_ptr<AbstractObjectStorage>(stack.wrap(
-      new ObjectStorage(new FileSystemStorage(path, 0, false, false, 0), &Item::fromBytes)));
+// ObjectStorage over FileSystemStorage at path, cached or not.
+std::unique_ptr<AbstractObjectStorage> makeStack(bool cached, const std::string& path) {
+  AbstractObjectStorage* const objects = new ObjectStorage(
+      new FileSystemStorage(path, 0, false, false, 0),
+      [](const char* data, unsigned len) { return makeItem(std::string(data, len)); });
+  return std::unique_ptr<AbstractObjectStorage>(cached ? new CacheStorage(objects, 60, 0)
+                                                       : objects);
 }
 
 TEST_F(HostileInputTest, FolderEntriesOfEveryKindNeitherHangNorLeakWritesOutside) {
   FileSystemStorage store(path, 0, false, false, 0);
   entriesOfEveryKind(path, elsewhere.path());
   // Only what reads as a regular file is a record; a link is followed.
-  EXPECT_EQ(drain(store),
-            (Records{{"...", "x"}, {".hidden", "x"}, {"a", "x"}, {"outlink", "outside"}}));
+  EXPECT_EQ(drain(store), (testsupport::Records{
+                              {"...", "x"}, {".hidden", "x"}, {"a", "x"}, {"outlink", "outside"}}));
   for (const char* key : {"fifo", "sock", "sub", "dangling", "dirlink"}) {
     EXPECT_EQ(readRecord(store, key), "missing") << key;
     EXPECT_FALSE(store.isInStorage(key)) << key;
@@ -215,7 +204,8 @@ TEST_F(HostileInputTest, OddKeysGiveTheirOwnResultOrACleanFalse) {
   const std::pair<Fate, std::vector<std::string>> groups[] = {
       {kRefused, {"", ".", "..", "/", "//", "no/such", std::string("nul\0b", 6), {'\0'}}},
       {kRefusedPlain,
-       {std::string(256, 'n'), std::string(5000, 'p'), kPrefix + std::string("1-2")}},
+       {std::string(256, 'n'), std::string(5000, 'p'),
+        VelLogin::temporary_file_name::kPrefix + std::string("1-2")}},
       {kStored, {"line\nbreak", "tab\t", " ", "-", "...", "\xff\xfe\x80", std::string(255, 'n')}},
       {kOutside, {"../escaped", "../store/../escaped", "./../escaped"}},
   };
@@ -226,21 +216,21 @@ TEST_F(HostileInputTest, OddKeysGiveTheirOwnResultOrACleanFalse) {
     for (const std::string& key : group.second) {
       SCOPED_TRACE("key of " + std::to_string(key.size()) + " bytes: " + key.substr(0, 20));
       EXPECT_EQ(FileSystemStorage::isPlainKey(key), group.first == kRefusedPlain || listed);
-      for (const FolderStack& stack : kFolderStacks) {
-        SCOPED_TRACE(stack.name);
-        std::unique_ptr<AbstractObjectStorage> store = makeStack(stack, path);
-        EXPECT_EQ(store->set(Item::make(key, 7), 0), stored);
+      for (const bool cached : {false, true}) {
+        SCOPED_TRACE(cached ? "cached" : "uncached");
+        std::unique_ptr<AbstractObjectStorage> store = makeStack(cached, path);
+        EXPECT_EQ(store->set(makeItem(key), 0), stored);
         const auto got = store->get(key, nullptr);
-        EXPECT_EQ(got ? got->toString() : "null", stored ? key + "=7" : "null");
+        EXPECT_EQ(got ? got->getKey() : "null", stored ? key : "null");
         EXPECT_EQ(store->isInStorage(key), stored);
-        const Records iterated = drain(*store);
+        const testsupport::Records iterated = drain(*store);
         EXPECT_EQ(iterated.size() + iterated.count(key), listed ? 2u : 0u);
         EXPECT_EQ(listFolder(outer.path()), stored && !listed ? escaped : untouched);
         EXPECT_EQ(store->del(key), stored);
         EXPECT_EQ(listFolder(path), Lines{});
         EXPECT_EQ(listFolder(outer.path()), untouched);
       }
-      EXPECT_TRUE(mem.set(Item::make(key, 7), 0));
+      EXPECT_TRUE(mem.set(makeItem(key), 0));
       const auto kept = mem.get(key, nullptr);
       EXPECT_EQ(kept ? kept->getKey() : "no object", key);
     }
@@ -274,13 +264,14 @@ TEST_F(HostileInputTest, DelAllRemovesWhatItCanAndReportsWhatItCouldNot) {
       {"a removed folder", removeFolder, false, "", "", "", "FsDirOpen failed"},
   };
   for (const Row& row : rows) {
-    for (const FolderStack& stack : kFolderStacks) {
+    for (const bool cached : {false, true}) {
       for (const bool durable : {false, true}) {
-        SCOPED_TRACE(std::string(row.what) + ", " + stack.name + (durable ? ", durable" : ""));
+        SCOPED_TRACE(std::string(row.what) + (cached ? ", cached" : "") +
+                     (durable ? ", durable" : ""));
         TempFolder folder;
         TempFolder other;
         const Thaw thaw{folder.path()};
-        std::unique_ptr<AbstractObjectStorage> store = makeStack(stack, folder.path());
+        std::unique_ptr<AbstractObjectStorage> store = makeStack(cached, folder.path());
         if (!row.arrange(folder.path(), other.path())) GTEST_SKIP() << "no immutable flag here";
         const Lines outside = listFolder(other.path());
         VelLogin::setDurableWrites(durable);
