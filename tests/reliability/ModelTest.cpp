@@ -10,6 +10,7 @@
 
 #include <climits>
 #include <cstdint>
+#include <cstring>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -74,9 +75,8 @@ class Item : public VelLogin::IStorable {
   std::string m_image;  // what serialize() handed out last
 };
 
-// Backing: the backing store's cleanup(); Release: the caller drops a kept
-// object; Reset: resetCounters().
-enum Kind { Set, SetNull, Get, Del, DelAll, Cleanup, Backing, Release, Reset, Tick };
+// Release: the caller drops a kept object; Reset: resetCounters().
+enum Kind { Set, SetNull, Get, Del, DelAll, Cleanup, Release, Reset, Tick };
 
 struct Step {
   Kind kind;
@@ -106,12 +106,11 @@ struct Record {
   uint32_t payload;
 };
 
-std::vector<uint64_t> fields(const MemStorage::Counters& c) {
-  return {c.hits, c.misses, c.expiredOnRead, c.sweeps, c.recordsSwept};
-}
-std::vector<uint64_t> fields(const CacheStorage::Counters& c) {
-  std::vector<uint64_t> all{c.hits, c.misses, c.staleHits, c.backingReads, c.backingReadFailures};
-  all.insert(all.end(), {c.writeThroughsRefused, c.sweeps, c.recordsSwept});
+// Every field of a store's counters, all of them uint64_t.
+template <typename Counters>
+std::vector<uint64_t> fields(const Counters& c) {
+  std::vector<uint64_t> all(sizeof c / sizeof(uint64_t));
+  std::memcpy(all.data(), &c, sizeof c);
   return all;
 }
 std::ostream& operator<<(std::ostream& out, const std::vector<uint64_t>& counters) {
@@ -301,17 +300,12 @@ class Checked {
         const uint64_t madeBefore = Item::made;
         const std::optional<Record> expected = m_model.get(key, now);
         const Ptr got = store.get(key, nullptr);
-        std::optional<Record> seen;
-        if (got) {
-          const uint64_t serial = Item::of(got)->serial;
-          seen = Record{0, serial > madeBefore ? 0 : serial, Item::of(got)->payload};
-        }
-        check(diff, "get", show(seen), show(expected));
+        const Item* item = Item::of(got);
+        const uint64_t serial = item && item->serial <= madeBefore ? item->serial : 0;
+        check(diff, "get", item ? show(Record{0, serial, item->payload}) : "null", show(expected));
         // A read-through of a folder makes a new object: the cache holds that.
-        if (got && expected && expected->serial == 0) {
-          m_model.records[key].serial = Item::of(got)->serial;
-        }
-        if (got && s.value != 0) m_kept.push_back(got);
+        if (item && expected && expected->serial == 0) m_model.records[key].serial = item->serial;
+        if (item && s.value != 0) m_kept.push_back(got);
         break;
       }
       case Del:
@@ -323,12 +317,6 @@ class Checked {
       case Cleanup:
         store.cleanup();
         m_model.cleanup(now);
-        break;
-      case Backing:
-        if constexpr (std::is_same_v<Model, CacheModel<MemModel>>) {
-          m_backing->cleanup();
-          m_model.backing.cleanup(now);
-        }
         break;
       case Release:
         if (!m_kept.empty()) m_kept.erase(m_kept.begin() + s.key % m_kept.size());
@@ -382,7 +370,7 @@ Config randomConfig(Random& random) {
 
 Step randomStep(Random& random) {
   // Cumulative percentages of each kind, in the order of Kind.
-  static const unsigned kUpTo[] = {25, 27, 59, 67, 69, 76, 80, 83, 85, 100};
+  static const unsigned kUpTo[] = {25, 27, 59, 67, 69, 80, 83, 85, 100};
   const unsigned roll = random.below(100);
   unsigned kind = 0;
   while (roll >= kUpTo[kind]) ++kind;
