@@ -60,8 +60,7 @@ class Item : public VelLogin::IStorable {
   static Ptr make(const std::string& key, uint32_t payload) { return Ptr(new Item(key, payload)); }
   static Ptr fromBytes(const char* data, unsigned len) {
     const std::string bytes(data, len);
-    const size_t colon = bytes.find(':');
-    return make(bytes.substr(colon + 1), static_cast<uint32_t>(std::stoul(bytes)));
+    return make(bytes.substr(bytes.find(':') + 1), static_cast<uint32_t>(std::stoul(bytes)));
   }
   static const Item* of(const Ptr& ptr) { return static_cast<const Item*>(ptr.get()); }
 
@@ -92,8 +91,7 @@ struct Config {
 
 long saturatingAdd(long base, long seconds) {
   long sum;
-  if (__builtin_add_overflow(base, seconds, &sum)) return seconds > 0 ? LONG_MAX : LONG_MIN;
-  return sum;
+  return __builtin_add_overflow(base, seconds, &sum) ? (seconds > 0 ? LONG_MAX : LONG_MIN) : sum;
 }
 
 // A stored record; as a read's expected result, serial 0 means a new object
@@ -355,30 +353,23 @@ void explore(const char* name, uint64_t seed, unsigned total) {
       ++checked;
     }
     if (::testing::Test::HasFailure()) {
-      ADD_FAILURE() << name << " differs from its model (LOGINSTORAGE_SEED=" << seed
-                    << " replays it; run " << runs + 1 << "), store lifetime " << config.lifetime
-                    << " threshold " << config.threshold
-                    << "; steps (Kind, key, value):" << steps.str();
+      ADD_FAILURE() << name << " differs from its model; LOGINSTORAGE_SEED=" << seed
+                    << " replays it (run " << runs + 1 << ", lifetime " << config.lifetime
+                    << ", threshold " << config.threshold << "), steps:" << steps.str();
     }
   }
+  FakeClock::useRealTime();
+  EXPECT_EQ(Item::live, 0) << "objects outlived every store and caller";
   std::cout << "[ figures  ] " << name << ": " << checked << " random operations checked in "
             << runs << " sequences, seed " << seed << std::endl;
 }
 
-class ModelTest : public ::testing::Test {
- protected:
-  void TearDown() override {
-    FakeClock::useRealTime();
-    EXPECT_EQ(Item::live, 0) << "objects outlived every store and caller";
-  }
-};
-
-TEST_F(ModelTest, MemStorageFollowsItsModel) {
+TEST(ModelTest, MemStorageFollowsItsModel) {
   explore<Checked<MemStorage, MemModel>>("MemStorage", reliability::seed(20240611),
                                          reliability::scaled(3000000));
 }
 
-TEST_F(ModelTest, CacheOverFolderFollowsItsModel) {
+TEST(ModelTest, CacheOverFolderFollowsItsModel) {
   explore<Checked<CacheStorage, CacheModel>>(
       "CacheStorage over ObjectStorage over FileSystemStorage", reliability::seed(20240613),
       reliability::scaled(60000));

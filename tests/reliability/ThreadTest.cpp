@@ -105,35 +105,24 @@ struct LineCheck {
   }
 };
 
-class ThreadTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    m_previousHandler = VelLogin::traceHandler(&m_previousContext);
-    VelLogin::setTraceHandler(&LineCheck::handle, &m_check);
-  }
-  void TearDown() override {
-    VelLogin::setTraceHandler(m_previousHandler, m_previousContext);
-    activate_tellu_debug_output = 0;
-    VelLoginDebug::m_coverage = false;
-  }
-
-  testsupport::TempFolder m_folder;
-  LineCheck m_check;
-  VelLogin::TraceHandler m_previousHandler = nullptr;
-  void* m_previousContext = nullptr;
-};
-
-TEST_F(ThreadTest, SeparateStoresOnSeparateThreadsKeepTheirRecordsAndTraceLines) {
+TEST(ThreadTest, SeparateStoresOnSeparateThreadsKeepTheirRecordsAndTraceLines) {
+  testsupport::TempFolder folder;
+  LineCheck check;
+  void* previousContext = nullptr;
+  const VelLogin::TraceHandler previous = VelLogin::traceHandler(&previousContext);
+  VelLogin::setTraceHandler(&LineCheck::handle, &check);
   activate_tellu_debug_output = 7;
   VelLoginDebug::m_coverage = true;
   g_MsgTypeMaxThr = 4;
   VelLoginDebug::m_printColor = false;
-  EXPECT_EQ(runWorkers(m_folder.path()), 0u);
+  EXPECT_EQ(runWorkers(folder.path()), 0u);
   activate_tellu_debug_output = 0;
-  EXPECT_EQ(m_check.bad, std::vector<std::string>());
+  VelLoginDebug::m_coverage = false;
+  VelLogin::setTraceHandler(previous, previousContext);
+  EXPECT_EQ(check.bad, std::vector<std::string>());
   // The workers ran the same operations: none lost or gained a line.
-  EXPECT_GE(m_check.lines[0], reliability::scaled(600));
-  for (unsigned long lines : m_check.lines) EXPECT_EQ(lines, m_check.lines[0]);
+  EXPECT_GE(check.lines[0], reliability::scaled(600));
+  for (unsigned long lines : check.lines) EXPECT_EQ(lines, check.lines[0]);
 }
 
 }  // namespace
