@@ -2,8 +2,8 @@
 // every case ends in the result the store's rules imply or a clean false,
 // never a hang, a crash, a lost record or a write outside the folder that the
 // caller did not ask for. The tests run as root, so they fail writes with
-// mechanisms that stop root too: a file-size limit, a removed folder,
-// immutable files and folders.
+// mechanisms that stop root too: a removed folder, immutable files and
+// folders.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fs.h>
@@ -109,8 +109,7 @@ bool entriesOfEveryKind(const std::string& folder, const std::string& other) {
 // A write that the disk refuses, whether at the temporary file (an immutable
 // folder) or at the rename over the record (an immutable record), keeps the
 // old record, leaves no part of the new one and traces its line; other keys
-// go on. Even root cannot write past the immutable flag. (The file-size
-// limit is the folder store's own test.)
+// go on. Even root cannot write past the immutable flag.
 TEST(FailingDiskTest, RefusedWritesKeepTheOldRecordAndLeaveNoTrace) {
   const std::string big(10000, 'n');
   for (const char* frozen : {"", "/rec"}) {
