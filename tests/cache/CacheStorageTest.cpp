@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "LoginStorage/cache/CacheStorage.h"
-#include "support/EntryLines.h"
 #include "support/FakeClock.h"
 #include "support/TestItem.h"
 #include "support/TraceCapture.h"

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "LoginStorage/mem/MemStorage.h"
-#include "support/EntryLines.h"
 #include "support/FakeClock.h"
 #include "support/TestItem.h"
 #include "support/TraceCapture.h"
