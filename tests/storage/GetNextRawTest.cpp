@@ -59,38 +59,32 @@ TEST(GetNextRawTest, SkipsFailedRecordsAndHandsBackTooLongOnes) {
   const std::string tooSmall =
       "STORAGE 2 [WARNING] " + label + "given len is too small for record - should NOT happen";
   const std::string end = "STORAGE 3 [INFO] " + label + "end of storage was reached";
-  using Script = std::deque<ScriptedStore::Answer>;
   struct Case {
-    const char* name;
-    Script script;
+    std::deque<ScriptedStore::Answer> script;
     std::string answer;
     std::vector<std::string> lines;
   };
   const Case cases[] = {
-      {"two failures skipped",
-       {{false, 0, ""}, {false, 0, ""}, {true, 3, "k3"}},
+      {{{false, 0, ""}, {false, 0, ""}, {true, 3, "k3"}},
        "true k3 3 data, offered 10 10 10",
        {skip + "1" + skipped, skip + "2" + skipped, tooSmall}},
-      {"too long", {{false, 500, "big"}}, "true  500 null, offered 10", {tooSmall}},
-      {"one byte too long", {{false, 1, "b"}}, "true  1 null, offered 10", {tooSmall}},
-      {"end", {}, "false  0 null, offered 10", {end}},
-      {"failure, then the end",
-       {{false, 0, ""}},
-       "false  0 null, offered 10 10",
-       {skip + "1" + skipped, end}},
+      {{{false, 500, "big"}}, "true  500 null, offered 10", {tooSmall}},
+      {{{false, 1, "b"}}, "true  1 null, offered 10", {tooSmall}},
+      {{}, "false  0 null, offered 10", {end}},
+      {{{false, 0, ""}}, "false  0 null, offered 10 10", {skip + "1" + skipped, end}},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.answer);
     ScriptedStore store;
     store.script = c.script;
     TraceCapture trace(4);
     std::string key;
     char* data = nullptr;
     unsigned len = 10;
-    std::string answer = store.getNextRaw(key, data, len) ? "true" : "false";
-    answer += " " + key + " " + std::to_string(len) + (data != nullptr ? " data" : " null");
+    std::string answer = store.getNextRaw(key, data, len) ? "true " : "false ";
+    answer +=
+        key + " " + std::to_string(len) + (data != nullptr ? " data, offered" : " null, offered");
     delete[] data;
-    answer += ", offered";
     for (unsigned capacity : store.capacitiesSeen) answer += " " + std::to_string(capacity);
     std::vector<std::string> lines;
     for (const auto& line : trace.lines()) {

@@ -19,7 +19,7 @@ RefCountPtr<IStorable> make(const std::string& key, Events* events) {
   return new TestItem(key, events);
 }
 
-TEST(RefCountPtrTest, CopiesShareOneObjectAndTheLastDeletesIt) {
+TEST(RefCountPtrTest, CopiesAndAssignmentsShareOneObjectAndTheLastDeletesIt) {
   Events events;
   auto* object = new TestItem("k", &events);
   {
@@ -38,10 +38,8 @@ TEST(RefCountPtrTest, CopiesShareOneObjectAndTheLastDeletesIt) {
   EXPECT_TRUE(made != nullptr && nullptr != made && none == nullptr && nullptr == none);
   EXPECT_FALSE(made == nullptr || nullptr == made || none != nullptr || nullptr != none);
   EXPECT_TRUE(made.getCount() == 1 && none.getCount() == 1 && !none && none.isNull());
-}
-
-TEST(RefCountPtrTest, AssignmentReleasesTheOldObjectAndSharesTheNew) {
-  Events events;
+  // Assignment releases the old object and shares the new.
+  events.clear();
   RefCountPtr<IStorable> target = make("old", &events), source = make("new", &events);
   RefCountPtr<IStorable>& alias = source;
   source = alias;  // self-assignment leaves the count alone
