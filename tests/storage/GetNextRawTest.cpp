@@ -23,10 +23,7 @@ class ScriptedStore : public VelLogin::AbstractStorage {
   std::deque<Answer> script;
   std::vector<unsigned> capacitiesSeen;
 
-  bool getRaw(const std::string&, char*&, unsigned& len) const override {
-    len = 0;
-    return false;
-  }
+  bool getRaw(const std::string&, char*&, unsigned&) const override { return false; }
   bool setRaw(const std::string&, const char*, unsigned, unsigned) override { return false; }
   bool del(const std::string&) override { return false; }
   bool delAll() override { return false; }
@@ -51,65 +48,51 @@ class ScriptedStore : public VelLogin::AbstractStorage {
 
 namespace {
 
-std::string yes(bool answer) { return answer ? "true" : "false"; }
-
 // One getNextRaw call with capacity 10 on a store playing the script: what it
 // answered, the capacities getNextInternal was offered, and every trace line
-// as "severity text" (all on topic STORAGE).
+// as "topic severity text".
 TEST(GetNextRawTest, SkipsFailedRecordsAndHandsBackTooLongOnes) {
+  EXPECT_EQ(ScriptedStore().getMaxRecordLen(), 4294967295u);  // no limit by default
   const std::string label = "ScriptedStore::getNextRaw: ";
-  const std::string skip = "1 [ERROR] " + label + "try #:";
+  const std::string skip = "STORAGE 1 [ERROR] " + label + "try #:";
   const std::string skipped = " - SKIPPING A RECORD - previous call returned success=0, len=0";
   const std::string tooSmall =
-      "2 [WARNING] " + label + "given len is too small for record - should NOT happen";
-  const std::string end = "3 [INFO] " + label + "end of storage was reached";
-  using Script = std::deque<ScriptedStore::Answer>;
-  const Script failures = {{false, 0, ""}, {false, 0, ""}, {true, 3, "k3"}};
+      "STORAGE 2 [WARNING] " + label + "given len is too small for record - should NOT happen";
+  const std::string end = "STORAGE 3 [INFO] " + label + "end of storage was reached";
   struct Case {
-    const char* name;
-    Script script;
+    std::deque<ScriptedStore::Answer> script;
     std::string answer;
     std::vector<std::string> lines;
   };
   const Case cases[] = {
-      {"two failures skipped",
-       failures,
+      {{{false, 0, ""}, {false, 0, ""}, {true, 3, "k3"}},
        "true k3 3 data, offered 10 10 10",
        {skip + "1" + skipped, skip + "2" + skipped, tooSmall}},
-      {"too long", {{false, 500, "big"}}, "true  500 null, offered 10", {tooSmall}},
-      {"one byte too long", {{false, 1, "b"}}, "true  1 null, offered 10", {tooSmall}},
-      {"end", {}, "false  0 null, offered 10", {end}},
-      {"failure, then the end",
-       {{false, 0, ""}},
-       "false  0 null, offered 10 10",
-       {skip + "1" + skipped, end}},
+      {{{false, 500, "big"}}, "true  500 null, offered 10", {tooSmall}},
+      {{{false, 1, "b"}}, "true  1 null, offered 10", {tooSmall}},
+      {{}, "false  0 null, offered 10", {end}},
+      {{{false, 0, ""}}, "false  0 null, offered 10 10", {skip + "1" + skipped, end}},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.answer);
     ScriptedStore store;
     store.script = c.script;
     TraceCapture trace(4);
     std::string key;
     char* data = nullptr;
     unsigned len = 10;
-    std::string answer = yes(store.getNextRaw(key, data, len));
-    answer += " " + key + " " + std::to_string(len) + (data != nullptr ? " data" : " null");
+    std::string answer = store.getNextRaw(key, data, len) ? "true " : "false ";
+    answer +=
+        key + " " + std::to_string(len) + (data != nullptr ? " data, offered" : " null, offered");
     delete[] data;
-    answer += ", offered";
     for (unsigned capacity : store.capacitiesSeen) answer += " " + std::to_string(capacity);
     std::vector<std::string> lines;
     for (const auto& line : trace.lines()) {
-      EXPECT_EQ(line.topic, "STORAGE");
-      lines.push_back(std::to_string(line.severity) + " " + line.text);
+      lines.push_back(line.topic + " " + std::to_string(line.severity) + " " + line.text);
     }
     EXPECT_EQ(lines, c.lines);
     EXPECT_EQ(answer, c.answer);
   }
-}
-
-TEST(GetNextRawTest, RecordsHaveNoLengthLimitByDefault) {
-  ScriptedStore store;
-  EXPECT_EQ(store.getMaxRecordLen(), 4294967295u);
 }
 
 }  // namespace

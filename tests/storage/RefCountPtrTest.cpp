@@ -19,23 +19,18 @@ RefCountPtr<IStorable> make(const std::string& key, Events* events) {
   return new TestItem(key, events);
 }
 
-TEST(RefCountPtrTest, CopiesShareOneObjectAndTheLastDeletesIt) {
+TEST(RefCountPtrTest, CopiesAndAssignmentsShareOneObjectAndTheLastDeletesIt) {
   Events events;
   auto* object = new TestItem("k", &events);
   {
     RefCountPtr<TestItem> first(object);
-    EXPECT_EQ(first.getCount(), 1u);
     {
       RefCountPtr<IStorable> second = first;  // a base pointer shares the counter
-      EXPECT_EQ(second.get(), object);
-      EXPECT_EQ(first.getCount(), 2u);
-      EXPECT_TRUE(first == second);
-      EXPECT_FALSE(first != second);
-      EXPECT_TRUE(second != RefCountPtr<IStorable>());
+      EXPECT_TRUE(second.get() == object && first.getCount() == 2 && first == second);
+      EXPECT_FALSE(first != second || second == RefCountPtr<IStorable>());
     }
     EXPECT_EQ(first.getCount(), 1u);
-    EXPECT_EQ(first->getKey(), "k");
-    EXPECT_EQ((*first).toString(), "item k");
+    EXPECT_EQ(first->getKey() + ", " + (*first).toString(), "k, item k");
     EXPECT_TRUE(events.empty());
   }
   EXPECT_EQ(events, Strings{"~k"});
@@ -43,18 +38,15 @@ TEST(RefCountPtrTest, CopiesShareOneObjectAndTheLastDeletesIt) {
   EXPECT_TRUE(made != nullptr && nullptr != made && none == nullptr && nullptr == none);
   EXPECT_FALSE(made == nullptr || nullptr == made || none != nullptr || nullptr != none);
   EXPECT_TRUE(made.getCount() == 1 && none.getCount() == 1 && !none && none.isNull());
-}
-
-TEST(RefCountPtrTest, AssignmentReleasesTheOldObjectAndSharesTheNew) {
-  Events events;
+  // Assignment releases the old object and shares the new.
+  events.clear();
   RefCountPtr<IStorable> target = make("old", &events), source = make("new", &events);
   RefCountPtr<IStorable>& alias = source;
   source = alias;  // self-assignment leaves the count alone
   EXPECT_EQ(source.getCount(), 1u);
   target = source;
   EXPECT_EQ(events, Strings{"~old"});
-  EXPECT_EQ(source.getCount(), 2u);
-  EXPECT_EQ(target.get(), source.get());
+  EXPECT_TRUE(source.getCount() == 2 && target.get() == source.get());
   // Sharing a counter already shared: both keep one share each.
   RefCountPtr<IStorable> third(source);
   target = third;
@@ -74,12 +66,10 @@ TEST(RefCountPtrTest, AssigningFromInsideTheObjectItReleasesIsSafe) {
   RefCountPtr<Node> n(new Node("head", &events, new Node("tail", &events, nullptr)));
   n = n->next;  // n holds the last share of the head, whose member is the source
   EXPECT_EQ(events, Strings{"~head"});
-  ASSERT_FALSE(n.isNull());
-  EXPECT_EQ(n.getCount(), 1u);
+  ASSERT_TRUE(!n.isNull() && n.getCount() == 1);
   n = n->next;  // onto the tail's null pointer: a counter shared with nobody alive
   EXPECT_EQ(events, (Strings{"~head", "~tail"}));
-  EXPECT_TRUE(n.isNull());
-  EXPECT_EQ(n.getCount(), 1u);
+  EXPECT_TRUE(n.isNull() && n.getCount() == 1);
 }
 
 TEST(RefCountPtrTest, ExplicitReleaseGivesUpOneShareOnce) {
@@ -96,18 +86,15 @@ TEST(RefCountPtrTest, ExplicitReleaseGivesUpOneShareOnce) {
     // storage is freed without running the destructor.
     auto* second = new RefCountPtr<IStorable>(first);
     second->release();
-    EXPECT_EQ(first.getCount(), 1u);
-    EXPECT_EQ(second->get(), first.get());
+    EXPECT_TRUE(first.getCount() == 1 && second->get() == first.get());
     ::operator delete(static_cast<void*>(second));
     EXPECT_TRUE(events.empty());
     first.release();
     EXPECT_EQ(events, Strings{"~k"});
-    EXPECT_TRUE(first.isNull());
-    EXPECT_EQ(first.getCount(), 0u);
+    EXPECT_TRUE(first.isNull() && first.getCount() == 0);
     // A copy of a released pointer is a null pointer with a counter of its own.
     RefCountPtr<IStorable> copy(first);
-    EXPECT_TRUE(copy.isNull());
-    EXPECT_EQ(copy.getCount(), 1u);
+    EXPECT_TRUE(copy.isNull() && copy.getCount() == 1);
   }
   EXPECT_EQ(events, Strings{"~k"});
 }

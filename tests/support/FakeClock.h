@@ -17,8 +17,6 @@ class FakeClock {
   static void useRealTime();
   // What time() answers now.
   static time_t now();
-  // How often time() was called since the program started.
-  static unsigned long reads();
 };
 
 }  // namespace testsupport

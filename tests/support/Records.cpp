@@ -17,24 +17,20 @@ std::string readRecord(const VelLogin::AbstractStorage& store, const std::string
   return bytes;
 }
 
-bool writeRecord(VelLogin::AbstractStorage& store, const std::string& key,
-                 const std::string& bytes, unsigned expiration) {
+bool writeRecord(VelLogin::AbstractStorage& store, const std::string& key, const std::string& bytes,
+                 unsigned expiration) {
   return store.setRaw(key, bytes.data(), static_cast<unsigned>(bytes.size()), expiration);
 }
 
 Records drain(VelLogin::AbstractStorage& store, bool start) {
   Records records;
-  if (start) {
-    EXPECT_TRUE(store.startGetAll());
-  }
+  EXPECT_TRUE(!start || store.startGetAll());
   std::string key;
   char* data = nullptr;
-  unsigned len = store.getMaxRecordLen();
-  while (store.getNextRaw(key, data, len)) {
+  for (unsigned len = store.getMaxRecordLen(); store.getNextRaw(key, data, len);
+       len = store.getMaxRecordLen(), data = nullptr) {
     EXPECT_TRUE(records.emplace(key, std::string(data, len)).second) << key << " delivered twice";
     delete[] data;
-    data = nullptr;
-    len = store.getMaxRecordLen();
   }
   if (start) store.endGetAll();
   return records;

@@ -22,8 +22,8 @@ std::string readRecord(const VelLogin::AbstractStorage& store, const std::string
                        unsigned capacity = kStoreMaximum);
 
 // setRaw(key, bytes, expiration) as a caller with a string would.
-bool writeRecord(VelLogin::AbstractStorage& store, const std::string& key,
-                 const std::string& bytes, unsigned expiration = 0);
+bool writeRecord(VelLogin::AbstractStorage& store, const std::string& key, const std::string& bytes,
+                 unsigned expiration = 0);
 
 // Every record one iteration delivers, key to bytes, the iteration started
 // (when start) and ended here. A key delivered twice, or a refused start,

@@ -26,7 +26,7 @@ class TempFolder {
 };
 
 // Whole-file helpers for checking what a store left on disk, written over
-// plain stdio so that they share nothing with the code under test.
+// the standard library so that they share nothing with the code under test.
 std::string readFileBytes(const std::string& path);
 void writeFileBytes(const std::string& path, const std::string& bytes);
 bool pathExists(const std::string& path);

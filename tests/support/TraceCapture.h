@@ -33,16 +33,22 @@ class TraceCapture {
   void clear() { m_lines.clear(); }
 
  private:
-  static void collect(void* context, const char* topic, int severity, const char* line);
+  // Trades the settings held here with the library's.
+  void swapSettings();
 
   std::vector<TraceLine> m_lines;
-  void* m_previousContext;
+  void* m_previousContext = nullptr;
   VelLogin::TraceHandler m_previousHandler;
-  int m_previousLevel;
-  int m_previousThreshold;
-  bool m_previousCoverage;
-  bool m_previousColour;
+  int m_level;
+  int m_threshold = 4;
+  bool m_coverage;
+  bool m_colour = false;
 };
+
+// Expected trace lines at the fullest debug level, written short: a bare
+// operation name stands for the entry line "[TRACE] <label>::<name>: begin",
+// any other line (it starts with '[') is taken as it is.
+std::vector<std::string> withEntries(const std::string& label, std::vector<std::string> lines);
 
 }  // namespace testsupport
 
