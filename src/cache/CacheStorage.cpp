@@ -51,7 +51,7 @@ CacheStorage::~CacheStorage() {
   // destroyed after it, when the records are released.
   if (m_storage != nullptr) delete m_storage;
   m_storage = nullptr;
-  m_records.clear();
+  expiry::takeAll(m_records);
 }
 
 bool CacheStorage::getRaw(const std::string& key, char*& data, unsigned& len) const {
@@ -72,13 +72,13 @@ bool CacheStorage::setExpiration(const std::string& key, unsigned expiration) {
 
 bool CacheStorage::del(const std::string& key) {
   LS_TRACE_ENTRY("del");
-  m_records.erase(key);
+  m_records.extract(key);  // the cached object is released before the backing store's del
   return m_storage->del(key);
 }
 
 bool CacheStorage::delAll() {
   LS_TRACE_ENTRY("delAll");
-  m_records.clear();
+  expiry::takeAll(m_records);  // the cached objects are released before the backing delAll
   return m_storage->delAll();
 }
 

@@ -51,7 +51,7 @@ MemStorage::MemStorage(long lifetime, unsigned cleanupThreshold)
       m_lifetime(lifetime),
       m_cleanupThreshold(cleanupThreshold) {}
 
-MemStorage::~MemStorage() { m_records.clear(); }
+MemStorage::~MemStorage() { expiry::takeAll(m_records); }
 
 bool MemStorage::getRaw(const std::string& key, char*& data, unsigned& len) const {
   LS_TRACE_ENTRY("getRaw");
@@ -75,14 +75,14 @@ bool MemStorage::setExpiration(const std::string&, unsigned) {
 bool MemStorage::del(const std::string& key) {
   LS_TRACE_ENTRY("del");
   LS_TRACE_STREAM(3, "[MEMSTORAGE] del key '" << key << "'");
-  m_records.erase(key);
+  const auto removed = m_records.extract(key);
   return true;
 }
 
 bool MemStorage::delAll() {
   LS_TRACE_ENTRY("delAll");
   LS_TRACE_STREAM(3, "[MEMSTORAGE] delAll");
-  m_records.clear();  // keeps the buckets: the table never shrinks
+  const auto removed = expiry::takeAll(m_records);  // the table never shrinks
   return true;
 }
 
@@ -131,7 +131,7 @@ __attribute__((flatten)) RefCountPtr<IStorable> MemStorage::get(const std::strin
   }
   if (found->second.expired()) {
     // Dropped on the first read that meets it, without waiting for a sweep.
-    m_records.erase(found);
+    const auto removed = m_records.extract(found);
     ++m_counters.expiredOnRead;
     return RefCountPtr<IStorable>();
   }

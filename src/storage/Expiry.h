@@ -19,6 +19,7 @@
 
 #include <climits>
 #include <ctime>
+#include <vector>
 
 #include "LoginStorage/storage/IStorable.h"
 #include "LoginStorage/storage/RefCountPtr.h"
@@ -62,7 +63,8 @@ inline void renew(long& expiryTime, RefCountPtr<IStorable>& storable, long lifet
 //
 // A pass judges every record against one reading of the clock, calls
 // announce() once before it removes anything, and counts itself and its
-// removals in counters.sweeps and counters.recordsSwept.
+// removals in counters.sweeps and counters.recordsSwept. The removed records'
+// objects are released once the pass is over (see takeAll).
 template <class Table, class Counters, class Announce>
 void sweep(Table& records, long& lastPass, long spacing, unsigned threshold, Counters& counters,
            Announce announce) {
@@ -70,10 +72,10 @@ void sweep(Table& records, long& lastPass, long spacing, unsigned threshold, Cou
   if (at <= saturatingAdd(lastPass, spacing)) return;
   if (records.size() <= threshold) return;
   announce();
-  auto it = records.begin();
-  while (it != records.end()) {
+  std::vector<typename Table::node_type> removed;
+  for (auto it = records.begin(); it != records.end();) {
     if (it->second.expired(at)) {
-      it = records.erase(it);
+      removed.push_back(records.extract(it++));
       ++counters.recordsSwept;
     } else {
       ++it;
@@ -81,6 +83,18 @@ void sweep(Table& records, long& lastPass, long spacing, unsigned threshold, Cou
   }
   ++counters.sweeps;
   lastPass = at;
+}
+
+// Releasing a record may destroy its object, and the object's destructor may
+// call back into the store (to drop or store a related record). So records
+// leave the table before their objects are released: callers take them out
+// (extract() for one, takeAll() for all) and let go once the table is whole.
+// takeAll() leaves the table empty with as many buckets as it had.
+template <class Table>
+Table takeAll(Table& records) {
+  Table taken(records.bucket_count());
+  taken.swap(records);
+  return taken;
 }
 
 }  // namespace expiry

@@ -3,7 +3,9 @@
 // interface. Lifetimes, sweeps and counters are checked there.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "LoginStorage/mem/MemStorage.h"
@@ -102,6 +104,40 @@ TEST(MemStorageTest, StoreAndRecordReleaseTheirOwnSharesOnly) {
   FakeClock::advance(5);
   EXPECT_FALSE(record.expired());
   EXPECT_TRUE(record.expired(kT0 + 17));
+}
+
+// An object's destructor may call back into the store that releases it:
+// here each drops the next record (whose object then does the same) and
+// stores one of its own, whichever operation let it go.
+TEST(MemStorageTest, ReleasedObjectsMayCallBackIntoTheStore) {
+  const std::vector<std::pair<const char*, std::function<void(MemStorage&)>>> releases = {
+      {"del", [](MemStorage& store) { store.del("k0"); }},
+      {"delAll", [](MemStorage& store) { store.delAll(); }},
+      {"expired get", [](MemStorage& store) {
+         FakeClock::advance(61);
+         store.get("k0", nullptr);
+       }},
+      {"sweep", [](MemStorage& store) {
+         FakeClock::advance(61);
+         store.cleanup();
+       }},
+  };
+  for (const auto& [operation, release] : releases) {
+    SCOPED_TRACE(operation);
+    FakeClock::set(kT0);
+    MemStorage store(60, 1);
+    for (int i = 0; i < 8; ++i) {
+      auto* item = new testsupport::TestItem("k" + std::to_string(i));
+      item->onDestroy = [&store, i] {
+        store.del("k" + std::to_string(i + 1));
+        store.set(makeItem("late" + std::to_string(i)), 0);
+      };
+      store.set(VelLogin::RefCountPtr<VelLogin::IStorable>(item), 0);
+    }
+    release(store);
+    EXPECT_EQ(store.getNumElements(), 8u);
+    for (int i = 0; i < 8; ++i) EXPECT_TRUE(store.isInStorage("late" + std::to_string(i))) << i;
+  }
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 // A storable for the store suites: an object that knows its key, counts how
-// often it was asked for it and notes its own destruction in an event log.
+// often it was asked for it, notes its own destruction in an event log and
+// may run a call-back as it goes.
 #ifndef LOGINSTORAGE_TESTS_SUPPORT_TESTITEM_H
 #define LOGINSTORAGE_TESTS_SUPPORT_TESTITEM_H
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,6 +21,7 @@ class TestItem : public VelLogin::IStorable {
       : m_key(std::move(key)), m_events(events) {}
   ~TestItem() override {
     if (m_events != nullptr) m_events->push_back("~" + m_key);
+    if (onDestroy) onDestroy();
   }
   std::string getKey() const override {
     ++keyCalls;
@@ -32,6 +35,7 @@ class TestItem : public VelLogin::IStorable {
   std::string toString() const override { return "item " + m_key; }
 
   mutable int keyCalls = 0;
+  std::function<void()> onDestroy;
 
  private:
   std::string m_key;
