@@ -27,8 +27,8 @@ using testsupport::writeRecord;
 using VelLogin::FileSystemStorage;
 using Lines = std::vector<std::string>;
 
-namespace {
-
+// Outside the anonymous namespace: its name becomes part of each contract
+// test's name, which then holds no space.
 struct FolderEnvironment {
   static constexpr const char* kClass = "FileSystemStorage";
   static constexpr bool kCounts = false;  // a folder keeps no count
@@ -40,8 +40,6 @@ struct FolderEnvironment {
   testsupport::TempFolder tmp;
   FileSystemStorage files{tmp.path(), 0, false, false, 0};
 };
-
-}  // namespace
 
 namespace testsupport {
 INSTANTIATE_TYPED_TEST_SUITE_P(Folder, RawStoreContract, FolderEnvironment);

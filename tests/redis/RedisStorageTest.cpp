@@ -28,8 +28,8 @@ using VelLogin::RedisOptions;
 using VelLogin::RedisStorage;
 using Lines = std::vector<std::string>;
 
-namespace {
-
+// Outside the anonymous namespace: its name becomes part of each contract
+// test's name, which then holds no space.
 struct RedisEnvironment {
   static constexpr const char* kClass = "RedisStorage";
   static constexpr bool kCounts = true;
@@ -40,8 +40,6 @@ struct RedisEnvironment {
   testsupport::RedisServer server;
   RedisStorage redis{"127.0.0.1", server.port(), "app:", 1000};
 };
-
-}  // namespace
 
 namespace testsupport {
 INSTANTIATE_TYPED_TEST_SUITE_P(Redis, RawStoreContract, RedisEnvironment);
