@@ -23,7 +23,8 @@ TEST(TraceTopicsTest, TopicsAreRegisteredAtLoadTimeAndDefaultsWriteNothing) {
 }
 
 // A handler that keeps every line in a MemStorage of its own: the lines that
-// store writes while the handler runs are dropped, not handed back to it.
+// store writes while the handler runs, and one it writes itself, are dropped,
+// not handed back to it; asking for the handler from inside does not block.
 struct KeepingHandler {
   VelLogin::MemStorage kept{3600, 100};
   std::vector<std::string> lines;
@@ -31,6 +32,8 @@ struct KeepingHandler {
     auto* self = static_cast<KeepingHandler*>(context);
     self->lines.push_back(std::string(topic) + " " + line);
     self->kept.set(testsupport::makeItem(line), 0);
+    VelLogin::writeTraceLine("NESTED", 1, "dropped");
+    EXPECT_EQ(VelLogin::traceHandler(nullptr), &handle);
   }
 };
 
