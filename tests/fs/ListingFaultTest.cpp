@@ -105,6 +105,9 @@ TEST_F(ListingFaultTest, FailedReadsAndFlushesFailTheOperation) {
   EXPECT_EQ(testsupport::readRecord(store, "a"), "missing");
   EXPECT_EQ(thrown([&] { VelLogin::readFile(tmp / "a"); }),
             std::string("cannot read file: ") + std::strerror(EIO));
+  VelLogin::WholeFileReader file(tmp / "a");
+  size_t got = 7;
+  EXPECT_TRUE(file.ok() && !file.readInto(buffer, &got) && got == 0) << got;
   EXPECT_FALSE(store.delAll());
   EXPECT_EQ(listFolder(tmp.path()), Lines{});
   // The records' own flushes wait for the folder's one at the end. Records

@@ -123,6 +123,9 @@ TEST_F(ObjectStorageTest, IterationSkipsRecordsTooLongOrRejectedByTheFactory) {
   unsigned len = 8;
   bool end = false;
   EXPECT_TRUE(store.getNextInternal(key, data, len, end) && end && len == 0);
+  store.endGetAll();
+  EXPECT_TRUE(store.startGetAll());  // the folder store's iteration was ended
+  store.endGetAll();
   EXPECT_FALSE(store.setExpiration("ann", 5));  // the folder store keeps no expiry
 }
 
