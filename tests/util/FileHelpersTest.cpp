@@ -1,6 +1,7 @@
 // What the folder store cannot show of the file helpers: how a record is
 // replaced (with and without durability), how temporary names are chosen and
 // judged, and how folders are made and flushed.
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -108,6 +109,9 @@ TEST_P(FileHelpersTest, WholeFileReaderReportsTheSizeReadsInPlaceAndRefusesNonFi
     EXPECT_FALSE(VelLogin::WholeFileReader(path).ok()) << path;
     EXPECT_THROW(VelLogin::readFile(path), VelLogin::Exception) << path;
   }
+  const VelLogin::WholeFileReader missing(tmp / "missing");
+  EXPECT_EQ(missing.failure() + std::to_string(missing.error()),
+            "cannot open file" + std::to_string(ENOENT));
 }
 
 // A name left by an earlier process of the same id is stepped over, and its
