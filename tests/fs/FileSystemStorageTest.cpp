@@ -7,16 +7,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <string>
 #include <vector>
 
 #include "LoginStorage/fs/FileSystemStorage.h"
-#include "util/TemporaryFileName.h"
 #include "support/FakeClock.h"
 #include "support/RawStoreContract.h"
 #include "support/TempFolder.h"
 #include "support/TraceCapture.h"
+#include "util/TemporaryFileName.h"
 
 using testsupport::drain;
 using testsupport::listFolder;
@@ -116,18 +117,25 @@ TEST_F(FileSystemStorageTest, TemporaryFilesAreNoRecordsAndKilledWritersFilesGo)
   testsupport::writeFileBytes(tmp / left, "debris");
   testsupport::writeFileBytes(tmp / inFlight, "new bytes");
   testsupport::writeFileBytes(tmp / (prefix + "0-1"), "no writer has id 0");
-  const Records records = {{prefix, "a"}, {prefix + "x-1", "b"}, {prefix + "1-2-3", "c"}};
+  // Numbers have at most 10 digits: an 11-digit one makes a record's name.
+  const Records records = {{prefix, "a"},
+                           {prefix + "x-1", "b"},
+                           {prefix + "1-2-3", "c"},
+                           {prefix + "12345678901-1", "d"}};
   for (const auto& [key, bytes] : records) ASSERT_TRUE(writeRecord(files, key, bytes));
   EXPECT_EQ(drain(files), records);
-  EXPECT_EQ(listFolder(tmp.path()), (Lines{prefix, prefix + "1-2-3", inFlight, prefix + "x-1"}));
+  Lines names{inFlight};
+  for (const auto& record : records) names.push_back(record.first);
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(listFolder(tmp.path()), names);
   testsupport::writeFileBytes(tmp / left, "debris again");
   EXPECT_TRUE(files.delAll());
   EXPECT_EQ(listFolder(tmp.path()), Lines{inFlight});
 
   TraceCapture trace(4);
-  EXPECT_FALSE(writeRecord(files, prefix + "1-2", "hidden"));
+  EXPECT_FALSE(writeRecord(files, prefix + "1234567890-2", "hidden"));
   EXPECT_EQ(trace.messages(), Lines{"[ERROR] FileSystemStorage::setRaw: ERROR: key <" + prefix +
-                                    "1-2> has the form of a temporary file"});
+                                    "1234567890-2> has the form of a temporary file"});
 }
 
 // A record's length is an unsigned: a file of 4 GiB or more has none, and is
