@@ -31,7 +31,7 @@ int velIsDir(const std::string& path);
 int velDirCreate(const std::string& path);
 
 // Non-zero when path names a regular file (symbolic links followed): exactly
-// the paths that readFile may be able to read.
+// the paths that WholeFileReader may be able to read.
 int velFileExist(const std::string& path);
 
 // Removes the file at path: 1 on success, 0 on failure. Never removes a

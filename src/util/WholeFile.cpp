@@ -172,28 +172,6 @@ bool WholeFileReader::readInto(char* buffer, size_t* got) noexcept {
   return true;
 }
 
-std::string readFile(const std::string& path) {
-  WholeFileReader file(path);
-  if (file.ok() && file.size() > std::string().max_size()) {
-    throw Exception("file too large to read", path);
-  }
-  std::string content;
-  if (file.ok()) {
-    try {
-      content.resize(static_cast<size_t>(file.size()));
-    } catch (const std::exception&) {  // bad_alloc, or length_error on 32 bits
-      throw Exception("file too large to read", path);
-    }
-    size_t got = 0;
-    if (file.readInto(&content[0], &got)) {
-      content.resize(got);
-      return content;
-    }
-  }
-  if (file.error() != 0) fail(file.failure(), file.error(), path);
-  throw Exception(file.failure(), path);
-}
-
 void writeFile(const std::string& path, const std::string& content) {
   writeFile(path, content.data(), content.size());
 }

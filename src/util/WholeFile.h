@@ -11,16 +11,10 @@
 
 namespace VelLogin {
 
-// The whole content of the regular file at path (binary-safe): one open,
-// fstat, read and close, and one allocation of the file's size. Throws
-// Exception when the file cannot be read, is not a regular file (a folder,
-// a FIFO, a socket, a device) or does not fit in memory; never blocks on a
-// FIFO.
-std::string readFile(const std::string& path);
-
-// The same read in two steps and without exceptions, for a caller that picks
-// the buffer once it knows the file's size, and for which a missing file is
-// an everyday answer rather than a failure:
+// The whole content of the regular file at path (binary-safe), read in two
+// steps and without exceptions, for a caller that picks the buffer once it
+// knows the file's size, and for which a missing file is an everyday answer
+// rather than a failure:
 //
 //   WholeFileReader file(path);             // opens and stats
 //   if (!file.ok()) ...                     // file.failure() says why
@@ -28,7 +22,8 @@ std::string readFile(const std::string& path);
 //   size_t got;
 //   if (!file.readInto(bytes, &got)) ...    // at most size() bytes
 //
-// Refuses what readFile refuses. readInto() gives fewer than size() bytes
+// Refuses a path that is not a regular file (a folder, a FIFO, a socket, a
+// device), and never blocks on a FIFO. readInto() gives fewer than size() bytes
 // when the file shrank after it was opened. size() is the file's full size,
 // also where it exceeds what size_t can count. The file is closed by the
 // destructor.
