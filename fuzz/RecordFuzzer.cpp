@@ -50,8 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* input, size_t size) {
   }
   const bool written = store.setRaw(key, bytes.data(), static_cast<unsigned>(bytes.size()), 0);
   const bool plain = FileSystemStorage::isPlainKey(key);
-  unsigned long long writer = 0;
-  const bool reserved = VelLogin::temporary_file_name::parse(key.c_str(), &writer);
+  const bool reserved = VelLogin::temporary_file_name::matches(key.c_str());
   require(!written || !bytes.empty(), "an empty record is refused");
   require(!written || !reserved, "a key of the temporary files' form is refused");
   // Other keys are paths that may or may not lead to a file of the folder.

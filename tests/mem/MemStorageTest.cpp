@@ -3,9 +3,7 @@
 // interface. Lifetimes, sweeps and counters are checked there.
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "LoginStorage/mem/MemStorage.h"
@@ -110,19 +108,15 @@ TEST(MemStorageTest, StoreAndRecordReleaseTheirOwnSharesOnly) {
 // here each drops the next record (whose object then does the same) and
 // stores one of its own, whichever operation let it go.
 TEST(MemStorageTest, ReleasedObjectsMayCallBackIntoTheStore) {
-  const std::vector<std::pair<const char*, std::function<void(MemStorage&)>>> releases = {
-      {"del", [](MemStorage& store) { store.del("k0"); }},
-      {"delAll", [](MemStorage& store) { store.delAll(); }},
-      {"expired get", [](MemStorage& store) {
-         FakeClock::advance(61);
-         store.get("k0", nullptr);
-       }},
-      {"sweep", [](MemStorage& store) {
-         FakeClock::advance(61);
-         store.cleanup();
-       }},
-  };
-  for (const auto& [operation, release] : releases) {
+  const struct {
+    const char* operation;
+    long wait;
+    void (*release)(MemStorage&);
+  } releases[] = {{"del", 0, [](MemStorage& store) { store.del("k0"); }},
+                  {"delAll", 0, [](MemStorage& store) { store.delAll(); }},
+                  {"expired get", 61, [](MemStorage& store) { store.get("k0", nullptr); }},
+                  {"sweep", 61, [](MemStorage& store) { store.cleanup(); }}};
+  for (const auto& [operation, wait, release] : releases) {
     SCOPED_TRACE(operation);
     FakeClock::set(kT0);
     MemStorage store(60, 1);
@@ -134,6 +128,7 @@ TEST(MemStorageTest, ReleasedObjectsMayCallBackIntoTheStore) {
       };
       store.set(VelLogin::RefCountPtr<VelLogin::IStorable>(item), 0);
     }
+    FakeClock::advance(wait);
     release(store);
     EXPECT_EQ(store.getNumElements(), 8u);
     for (int i = 0; i < 8; ++i) EXPECT_TRUE(store.isInStorage("late" + std::to_string(i))) << i;

@@ -143,9 +143,8 @@ bool keyAllowed(const CommandLine& line, const std::string& key, std::string& er
 // (".lstmp-PID-N") and refuses records under such names, which its listing
 // would skip and gc or clear would remove.
 bool keyReserved(const CommandLine& line, const std::string& key, std::string& error) {
-  unsigned long long pid = 0;
   if (RedisLocation::isRedis(line.operands[0]) ||
-      !VelLogin::temporary_file_name::parse(key.c_str(), &pid)) {
+      !VelLogin::temporary_file_name::matches(key.c_str())) {
     return false;
   }
   error = "key " + quoted(key) + " is reserved for the temporary files of folder writes";

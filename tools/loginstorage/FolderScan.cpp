@@ -70,8 +70,7 @@ bool FolderScan::scan(const std::string& folder, bool withStat, Progress* progre
       }
       continue;
     }
-    unsigned long long pid = 0;
-    if (tmpname::parse(name, &pid)) {
+    if (tmpname::matches(name)) {
       ++m_inProgress;
       continue;
     }
