@@ -31,6 +31,7 @@ struct Listing {
 std::atomic<int> g_listingFault{0};
 std::atomic<unsigned> g_listingFaultAfter{0};
 std::atomic<int> g_fileIoFault{0};
+std::atomic<unsigned> g_fileIoPassesLeft{0};
 
 bool hasNul(const std::string& path) { return path.find('\0') != std::string::npos; }
 
@@ -139,7 +140,7 @@ bool FsDirSync(const std::string& path) {
 }
 
 bool FsSync(int fd) {
-  errno = g_fileIoFault.load(std::memory_order_relaxed);
+  errno = VelLogin::filesystem_testing::fileIoFault();
   return errno == 0 && ::fsync(fd) == 0;
 }
 
@@ -157,8 +158,18 @@ void failListingsAfter(unsigned entries, int error) {
   g_listingFault.store(error);
 }
 
-void failFileIo(int error) { g_fileIoFault.store(error); }
+void failFileIo(int error, unsigned after) {
+  g_fileIoPassesLeft.store(after);
+  g_fileIoFault.store(error);
+}
 
-int fileIoFault() { return g_fileIoFault.load(std::memory_order_relaxed); }
+int fileIoFault() {
+  const int fault = g_fileIoFault.load(std::memory_order_relaxed);
+  unsigned left = g_fileIoPassesLeft.load();
+  while (fault != 0 && left > 0) {
+    if (g_fileIoPassesLeft.compare_exchange_weak(left, left - 1)) return 0;
+  }
+  return fault;
+}
 }  // namespace filesystem_testing
 }  // namespace VelLogin

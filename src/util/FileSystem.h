@@ -72,9 +72,11 @@ namespace filesystem_testing {
 // No real file system fails a listing on demand.
 void failListingsAfter(unsigned entries, int error);
 // Makes every flush (FsSync, FsDirSync) and every read of a whole file fail
-// with error; 0 ends it. Devices fail these only when they are dying.
-void failFileIo(int error);
-// The error failFileIo() set, 0 when none.
+// with error once `after` of them have passed; error 0 ends it. Devices fail
+// these only when they are dying.
+void failFileIo(int error, unsigned after = 0);
+// The error the next flush or read is to fail with, 0 when none (and that
+// operation then counts as one that passed).
 int fileIoFault();
 }  // namespace filesystem_testing
 }  // namespace VelLogin

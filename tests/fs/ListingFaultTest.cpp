@@ -120,6 +120,9 @@ TEST_F(ListingFaultTest, FailedReadsAndFlushesFailTheOperation) {
             (std::multiset<std::string>{unread, unread, line("del", deleted + "a>"),
                                         line("del", deleted + "b>"), line("del", deleted + "c>"),
                                         line("delAll", "FAILURE in deleting all content")}));
+  VelLogin::filesystem_testing::failFileIo(EIO, 1);  // the record's flush passes, not the folder's
+  EXPECT_EQ(thrown([&] { VelLogin::writeFile(tmp / "d", "new"); }),
+            std::string("cannot flush folder: ") + std::strerror(EIO));
 }
 
 // Between the size and the read another writer may truncate the file in
