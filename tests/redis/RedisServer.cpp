@@ -4,16 +4,20 @@
 #include <hiredis/hiredis.h>
 #include <netinet/in.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <algorithm>
 #include <memory>
 #include <thread>
 
 namespace testsupport {
 
+namespace {
+
+// A socket listening on a free loopback port, and that port.
 int loopbackListener(unsigned* port) {
   const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address{};
@@ -26,6 +30,8 @@ int loopbackListener(unsigned* port) {
   *port = ntohs(address.sin_port);
   return fd;
 }
+
+}  // namespace
 
 unsigned freeLoopbackPort() {
   unsigned port = 0;
@@ -42,6 +48,35 @@ RedisServer::RedisServer(std::vector<std::string> arguments, std::string passwor
                  "--dir", m_folder.path(), "--logfile", m_folder / "server.log"};
   m_arguments.insert(m_arguments.end(), arguments.begin(), arguments.end());
   restart();
+}
+
+RedisServer::RedisServer(const Script& script) : m_port(0) {
+  const int listener = loopbackListener(&m_port);
+  m_pid = ::fork();
+  if (m_pid != 0) {
+    ::close(listener);
+    return;
+  }
+  // The child serves one connection after the other until it is killed, at
+  // the latest with the test program, even one that crashed.
+  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+  size_t next = 0;
+  char command[64 * 1024];
+  for (;;) {
+    const int connection = ::accept(listener, nullptr, nullptr);
+    for (bool open = true; open && ::recv(connection, command, sizeof command, 0) > 0;) {
+      const std::string& reply = script.replies[std::min(next++, script.replies.size() - 1)];
+      open = !reply.empty();
+      // A drip sends a byte per interval: the pace of a slow server.
+      const size_t step = script.drip.count() == 0 ? reply.size() : 1;
+      for (size_t sent = 0; open && sent < reply.size(); sent += step) {
+        open = ::send(connection, reply.data() + sent, step, MSG_NOSIGNAL) ==
+               static_cast<ssize_t>(step);
+        std::this_thread::sleep_for(script.drip);
+      }
+    }
+    ::close(connection);
+  }
 }
 
 void RedisServer::stop(int signal) {
@@ -68,39 +103,33 @@ bool RedisServer::restart() {
   return false;
 }
 
-namespace {
-
-std::string run(redisContext* context, const std::vector<std::string>& args) {
-  std::vector<const char*> argv;
-  std::vector<size_t> lengths;
-  for (const std::string& arg : args) {
-    argv.push_back(arg.data());
-    lengths.push_back(arg.size());
-  }
-  const std::unique_ptr<redisReply, void (*)(void*)> reply(
-      static_cast<redisReply*>(
-          redisCommandArgv(context, static_cast<int>(argv.size()), argv.data(), lengths.data())),
-      freeReplyObject);
-  if (reply == nullptr) return "(no reply)";
-  if (reply->type == REDIS_REPLY_INTEGER) return ":" + std::to_string(reply->integer);
-  const std::string body = reply->str != nullptr ? std::string(reply->str, reply->len) : "";
-  if (reply->type == REDIS_REPLY_STATUS) return "+" + body;
-  return reply->type == REDIS_REPLY_ERROR ? "-" + body : body;
-}
-
-}  // namespace
-
 std::string RedisServer::command(const std::vector<std::string>& args) const {
   const timeval timeout{5, 0};
-  redisContext* context = redisConnectWithTimeout("127.0.0.1", static_cast<int>(m_port), timeout);
-  if (context == nullptr || context->err != 0 || redisSetTimeout(context, timeout) != REDIS_OK) {
-    redisFree(context);
+  const std::unique_ptr<redisContext, void (*)(redisContext*)> context(
+      redisConnectWithTimeout("127.0.0.1", static_cast<int>(m_port), timeout), redisFree);
+  if (context == nullptr || context->err != 0 ||
+      redisSetTimeout(context.get(), timeout) != REDIS_OK)
     return "(no connection)";
-  }
-  std::string text = m_password.empty() ? "+OK" : run(context, {"AUTH", m_password});
-  if (text == "+OK") text = run(context, args);
-  redisFree(context);
-  return text;
+  const auto run = [&context](const std::vector<std::string>& sent) -> std::string {
+    std::vector<const char*> argv;
+    std::vector<size_t> lengths;
+    for (const std::string& arg : sent) {
+      argv.push_back(arg.data());
+      lengths.push_back(arg.size());
+    }
+    const std::unique_ptr<redisReply, void (*)(void*)> reply(
+        static_cast<redisReply*>(redisCommandArgv(context.get(), static_cast<int>(argv.size()),
+                                                  argv.data(), lengths.data())),
+        freeReplyObject);
+    if (reply == nullptr) return "(no reply)";
+    const std::string body = reply->str != nullptr ? std::string(reply->str, reply->len) : "";
+    return reply->type == REDIS_REPLY_INTEGER  ? ":" + std::to_string(reply->integer)
+           : reply->type == REDIS_REPLY_STATUS ? "+" + body
+           : reply->type == REDIS_REPLY_ERROR  ? "-" + body
+                                               : body;
+  };
+  const std::string auth = m_password.empty() ? "+OK" : run({"AUTH", m_password});
+  return auth == "+OK" ? run(args) : auth;
 }
 
 }  // namespace testsupport
