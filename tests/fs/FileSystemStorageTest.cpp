@@ -117,11 +117,12 @@ TEST_F(FileSystemStorageTest, TemporaryFilesAreNoRecordsAndKilledWritersFilesGo)
   testsupport::writeFileBytes(tmp / left, "debris");
   testsupport::writeFileBytes(tmp / inFlight, "new bytes");
   testsupport::writeFileBytes(tmp / (prefix + "0-1"), "no writer has id 0");
-  // Numbers have at most 10 digits: an 11-digit one makes a record's name.
+  // The prefix is exact and numbers have at most 10 digits: these are records.
   const Records records = {{prefix, "a"},
                            {prefix + "x-1", "b"},
                            {prefix + "1-2-3", "c"},
-                           {prefix + "12345678901-1", "d"}};
+                           {prefix + "12345678901-1", "d"},
+                           {".lstmp_1-2", "e"}};
   for (const auto& [key, bytes] : records) ASSERT_TRUE(writeRecord(files, key, bytes));
   EXPECT_EQ(drain(files), records);
   Lines names{inFlight};
@@ -190,6 +191,7 @@ TEST_F(FileSystemStorageTest, WriteBeyondTheFileSizeLimitFailsAndTheProcessLives
 // Every way in and out of a file or a listing, failed or not, closes it; so
 // does every flush of the folder.
 TEST_F(FileSystemStorageTest, NoOperationLeavesADescriptorOpen) {
+  EXPECT_FALSE(VelLogin::durableWrites());  // off until asked for
   VelLogin::setDurableWrites(true);
   ASSERT_TRUE(writeRecord(files, "a", "12"));
   const size_t before = openDescriptors();

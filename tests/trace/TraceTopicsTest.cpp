@@ -30,8 +30,8 @@ struct KeepingHandler {
   std::vector<std::string> lines;
   static void handle(void* context, const char* topic, int, const char* line) {
     auto* self = static_cast<KeepingHandler*>(context);
-    self->lines.push_back(std::string(topic) + " " + line);
     self->kept.set(testsupport::makeItem(line), 0);
+    self->lines.push_back(std::string(topic) + " " + line);  // unchanged by the store's lines
     VelLogin::writeTraceLine("NESTED", 1, "dropped");
     EXPECT_EQ(VelLogin::traceHandler(nullptr), &handle);
   }

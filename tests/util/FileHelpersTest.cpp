@@ -139,6 +139,8 @@ TEST_P(FileHelpersTest, FoldersAreMadeTestedAndFlushed) {
   writeFileBytes(tmp / "file", "x");
   EXPECT_EQ(velIsDir(tmp / "file"), 0);
   EXPECT_EQ(velIsDir(tmp / std::string("e\0x", 3)), 0);
+  EXPECT_EQ(velDirCreate("") + velDirCreate(tmp / std::string("f\0x", 3)), 0);
+  EXPECT_FALSE(testsupport::pathExists(tmp / "f"));  // nor made by a path cut at the NUL
   EXPECT_TRUE(FsDirSync(tmp / "e"));
   EXPECT_FALSE(FsDirSync(tmp / std::string("e\0x", 3)));
 
