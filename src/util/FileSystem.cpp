@@ -165,8 +165,8 @@ void failFileIo(int error, unsigned after) {
 
 int fileIoFault() {
   const int fault = g_fileIoFault.load(std::memory_order_relaxed);
-  unsigned left = g_fileIoPassesLeft.load();
-  while (fault != 0 && left > 0) {
+  if (fault == 0) return 0;
+  for (unsigned left = g_fileIoPassesLeft.load(); left > 0;) {
     if (g_fileIoPassesLeft.compare_exchange_weak(left, left - 1)) return 0;
   }
   return fault;

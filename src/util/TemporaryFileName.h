@@ -23,8 +23,8 @@ inline std::string make(unsigned long long pid, unsigned long long counter) {
 }
 
 // Reads the decimal number at text (1 to 10 digits, so 64 bits hold it on
-// every platform) into value; the first
-// character after it, or null when there is no such number.
+// every platform) into value; the first character after it, or null when
+// there is no such number.
 inline const char* digits(const char* text, unsigned long long* value) {
   const char* p = text;
   *value = 0;
