@@ -16,6 +16,7 @@
 #include "support/FakeClock.h"
 #include "support/RawStoreContract.h"
 #include "support/TempFolder.h"
+#include "support/ToolRun.h"
 #include "support/TraceCapture.h"
 #include "util/TemporaryFileName.h"
 
@@ -108,10 +109,8 @@ TEST_F(FileSystemStorageTest, RecordIsExactlyItsBytesOnDiskAndNeverExpires) {
 // may take that shape, and the next iteration or delAll() removes the files
 // whose writer is gone.
 TEST_F(FileSystemStorageTest, TemporaryFilesAreNoRecordsAndKilledWritersFilesGo) {
-  const pid_t gone = ::fork();
-  ASSERT_GE(gone, 0);
-  if (gone == 0) ::_exit(0);
-  ASSERT_EQ(::waitpid(gone, nullptr, 0), gone);
+  const pid_t gone = testsupport::goneProcessId();
+  ASSERT_GT(gone, 0);
   using namespace VelLogin::temporary_file_name;
   const std::string prefix = kPrefix, left = make(gone, 7), inFlight = make(::getpid(), 4000000);
   testsupport::writeFileBytes(tmp / left, "debris");

@@ -48,4 +48,11 @@ ToolRun runTool(const std::string& program, const std::vector<std::string>& args
           options.outPath.empty() ? readFileBytes(outPath) : "", readFileBytes(errPath)};
 }
 
+pid_t goneProcessId() {
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(0);
+  if (child > 0) ::waitpid(child, nullptr, 0);
+  return child;
+}
+
 }  // namespace testsupport

@@ -5,6 +5,7 @@
 #define LOGINSTORAGE_TESTS_SUPPORT_TOOLRUN_H
 
 #include <sys/resource.h>
+#include <sys/types.h>
 
 #include <string>
 #include <vector>
@@ -27,6 +28,10 @@ struct ToolRun {
 
 ToolRun runTool(const std::string& program, const std::vector<std::string>& args,
                 const ToolRunOptions& options = {});
+
+// The id of a child process that has just ended: no writer of that id is
+// alive (until the system hands the id out again).
+pid_t goneProcessId();
 
 }  // namespace testsupport
 

@@ -27,14 +27,6 @@ ToolRun runTool(const std::vector<std::string>& args, const ToolRunOptions& opti
   return testsupport::runTool(LOGINSTORAGE_TOOL, args, options);
 }
 
-// The id of a process that has just ended: no writer of that id is alive.
-long deadProcessId() {
-  pid_t child = fork();
-  if (child == 0) _exit(0);
-  waitpid(child, nullptr, 0);
-  return child;
-}
-
 // A binary record round-trips through put, get, ls and rm; put also takes
 // the record from a file, and get --hex dumps it.
 TEST(LoginStorageToolTest, BinaryRecordRoundTripsThroughPutGetLsRm) {
@@ -218,7 +210,7 @@ TEST(LoginStorageToolTest, KeysThatLeaveTheFolderNeedRawKey) {
 TEST(LoginStorageToolTest, StatGcAndClearTakeOnlyDeadWritersFiles) {
   TempFolder folder;
   const std::string live = VelLogin::temporary_file_name::make(getpid(), 1);
-  writeFileBytes(folder / VelLogin::temporary_file_name::make(deadProcessId(), 7), "12345");
+  writeFileBytes(folder / VelLogin::temporary_file_name::make(goneProcessId(), 7), "12345");
   writeFileBytes(folder / VelLogin::temporary_file_name::make(0, 1), "123");
   writeFileBytes(folder / live, "1");
   for (const char* record : {".lstmp-12-", ".lstmp-x-1", "alice"}) {
@@ -239,7 +231,7 @@ TEST(LoginStorageToolTest, StatGcAndClearTakeOnlyDeadWritersFiles) {
   std::sort(kept.begin(), kept.end());
   EXPECT_EQ(listFolder(folder.path()), kept);
 
-  writeFileBytes(folder / VelLogin::temporary_file_name::make(deadProcessId(), 1), "x");
+  writeFileBytes(folder / VelLogin::temporary_file_name::make(goneProcessId(), 1), "x");
   ASSERT_EQ(::mkdir((folder / "sub").c_str(), 0700), 0);
   EXPECT_EQ(runTool({"clear", "--yes", folder.path()}).status, 0);
   kept = {live, "sub"};
